@@ -1,0 +1,37 @@
+# Settings that every target of the project shares.
+
+# canopenanalysis_warnings(TARGET): the warnings that the code is clean of.
+function(canopenanalysis_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wconversion)
+    if(CANOPENANALYSIS_WERROR)
+        target_compile_options(${target} PRIVATE -Werror)
+    endif()
+    if(CANOPENANALYSIS_SANITIZE)
+        target_compile_options(${target} PRIVATE -fsanitize=${CANOPENANALYSIS_SANITIZE} -fno-omit-frame-pointer)
+        target_link_options(${target} PRIVATE -fsanitize=${CANOPENANALYSIS_SANITIZE})
+        if(CANOPENANALYSIS_SANITIZE MATCHES "undefined")
+            target_compile_options(${target} PRIVATE -fno-sanitize-recover=undefined)
+        endif()
+    endif()
+    target_compile_definitions(${target} PRIVATE
+        QT_NO_KEYWORDS QT_NO_CAST_TO_ASCII QT_DEPRECATED_WARNINGS QT_DISABLE_DEPRECATED_BEFORE=0x050F00)
+endfunction()
+
+# canopenanalysis_library(TARGET EXPORT_NAME EXPORT_HEADER): what the shared libraries have in common.
+# Headers are included by their folder, from the source tree and (the generated export header) from the build tree.
+function(canopenanalysis_library target export_name export_header)
+    add_library(CANopenAnalysis::${export_name} ALIAS ${target})
+    get_filename_component(stem ${export_header} NAME_WE)
+    string(REPLACE "_export" "" stem ${stem})
+    generate_export_header(${target} BASE_NAME ${stem}
+        EXPORT_FILE_NAME ${PROJECT_BINARY_DIR}/generated/${export_header})
+    target_compile_features(${target} PUBLIC cxx_std_17)
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+        $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/canopenanalysis>)
+    target_link_libraries(${target} PUBLIC Qt5::Core)
+    set_target_properties(${target} PROPERTIES
+        EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    canopenanalysis_warnings(${target})
+endfunction()
