@@ -1,0 +1,130 @@
+#ifndef CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H
+#define CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H
+
+#include "support/canopenanalysis_export.h"
+#include "support/canopenrecords.h"
+
+#include <QHash>
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QVariant>
+
+#include <memory>
+
+class GuestLock;
+
+/// Follows the SDO conversations on one CAN line: fed with the received frames in recording order, it pairs each request with
+/// its answer and reports every transferred value, every frame that breaks the protocol, and nodes that answer more than
+/// once. docs/architecture.md shows the state machines.
+///
+/// Owner: its QObject parent. Threads: passive; every operation runs in the caller's thread, one at a time, and the
+/// signals are emitted from there, in the middle of handleCANMessage(). A directly connected slot may call any operation of the
+/// handler; after a reset() in a slot the rest of the frame in hand leaves no trace. The handler must not be deleted in
+/// a slot of its own signals. Only the deferred check of the responder counts comes from the event loop of the thread that
+/// the handler belongs to.
+///
+/// Nothing fed to it makes it fail: frames that fit no conversation are reported as protocol errors or ignored. A request
+/// that is never answered stays pending; there is no time-out.
+class CANOPENANALYSIS_EXPORT SDOMessageHandler : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(SDOMessageHandler)
+
+public:
+    /// \a descriptions may be null; the handler keeps the pointer and never reads through it.
+    SDOMessageHandler(QObject *parent, QHash<unsigned int, CANopen::CANopenMessageDescription> *descriptions);
+    ~SDOMessageHandler() override;
+
+    /// Analyses one frame. Any frame may be passed; frames that belong to no SDO conversation are ignored.
+    void handleCANMessage(const CAN::CanRxMessage &msg);
+
+    /// Forgets everything seen. Keeps whether finished transfers are kept, the message number of the last repeated
+    /// answer, and deferred checks already scheduled (they find nothing to report).
+    void reset();
+
+    /// Message numbers of offending frames in the order found; a number can occur more than once. A copy. Failed segmented
+    /// transfers and repeated download requests are signalled only and do not appear here.
+    QList<unsigned int> protocolErrors() const { return mProtocolErrors; }
+
+    /// Switches the gathering of foundSDOEntryList() on or off (off at first). What was gathered stays.
+    void setKeepFinishedTransfers(bool keep) { mKeepFinishedTransfers = keep; }
+
+    /// Every object with a finished transfer and the history of its values, gathered while finished transfers are
+    /// kept. A copy.
+    QHash<SDO::SDOEntryKey, SDO::SDOEntry> foundSDOEntryList() const { return mFoundEntries; }
+
+    /// Requests still waiting for their answer, by object. A copy. The request that opened a segmented upload stays among
+    /// them until the next request of the same object or its abort.
+    QHash<SDO::SDOEntryKey, SDO::SDOEntry> pendingSDOEntryList() const { return mPendingEntries; }
+
+    /// Block transfer records by node-ID; each node seen in an SDO frame has one. A copy.
+    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers() const { return mBlockTransfers; }
+
+    /// For the library's own loop: the lock under which it feeds this handler. The deferred check then enters as a
+    /// guest. Without it the check takes no lock.
+    void setGuestLock(std::shared_ptr<GuestLock> lock);
+
+Q_SIGNALS:
+    /// A transfer finished; emitted once for each, in the order in which they finish. \a value is a qlonglong for an expedited
+    /// transfer and a QByteArray for a segmented one. \a reqTime and \a respTime are seconds (CanTimeStamp::toDouble()),
+    /// \a canMsgNumber is the message number of the response, \a wasSDOWrite is true for a download.
+    void newValue(unsigned char node, unsigned short index, unsigned char subindex, QVariant value, double reqTime,
+                  double respTime, unsigned int canMsgNumber, bool wasSDOWrite);
+
+    /// The frame \a msgNumber, the one being handled, breaks the protocol.
+    void sigProtocolError(unsigned int msgNumber, CANopen::SdoProtocolErrorType errorType);
+
+    /// The number of devices that answer under \a nodeId changed to \a count. \a lastMsgNumber is the message number of the
+    /// last repeated answer, 0 when there was none.
+    void sigMultipleNodesDetected(unsigned char nodeId, unsigned char count, unsigned int lastMsgNumber);
+
+private Q_SLOTS:
+    void checkNodeCount();
+
+private:
+    using EntryHash = QHash<SDO::SDOEntryKey, SDO::SDOEntry>;
+
+    // Routing
+    void handleC2SMessage(const CAN::CanRxMessage &msg);
+    void handleS2CMessage(const CAN::CanRxMessage &msg);
+    void handleAbortMessage(const CAN::CanRxMessage &msg, CANopen::MessageType type);
+
+    // Initiate frames and expedited transfers
+    void handleDownloadInitRequest(const CAN::CanRxMessage &msg);
+    void handleDownloadInitResponse(const CAN::CanRxMessage &msg);
+    void handleUploadInitRequest(const CAN::CanRxMessage &msg);
+    void handleUploadInitResponse(const CAN::CanRxMessage &msg);
+    void handleDLExpeditedRequest(const CAN::CanRxMessage &msg, unsigned char node);
+    void handleDLExpeditedResponse(const CAN::CanRxMessage &msg, unsigned char node);
+    void handleUploadExpeditedInitResponse(unsigned char node, unsigned short index, unsigned char subindex,
+                                           const CAN::CanRxMessage &msg);
+    void handleUnmatchedResponse(const SDO::SDOEntryKey &key, const CAN::CanRxMessage &msg);
+
+    // Entry tables
+    void addFinishedEntry(const SDO::SDOEntry &entry);
+
+    // Reports. After each of them nothing found before (iterator, reference) may be used: a slot may have called back.
+    void reportError(const CAN::CanRxMessage &msg, CANopen::SdoProtocolErrorType type);
+    void listAndReportError(const CAN::CanRxMessage &msg, CANopen::SdoProtocolErrorType type);
+
+    // Set once, then only read
+    QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // the owner's; never read
+    std::shared_ptr<GuestLock> mGuestLock;
+
+    // What was seen
+    EntryHash mPendingEntries;  // requests waiting for their answer
+    EntryHash mFinishedEntries; // the last answered expedited transfer of each object
+    EntryHash mFoundEntries;    // every value of every finished transfer, while those are kept
+    QMap<unsigned char, unsigned char> mNodeResponseCount; // devices answering under a node-ID, as last established
+    QMap<unsigned char, unsigned char> mReportedNodeCount; // the same, as last reported
+    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> mBlockTransfers;
+    QList<unsigned int> mProtocolErrors;
+    bool mKeepFinishedTransfers = false;
+    quint32 mLastMultipleResponseMsgNumber = 0;
+
+    // Counts reset(): tells a function that has emitted a signal whether a slot called it
+    quint32 mResetCount = 0;
+};
+
+#endif // CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H
