@@ -1,0 +1,392 @@
+#include "inmemory/inmemorydatachunkhandler.h"
+
+#include "inmemory/appendonlyarray_p.h"
+
+#include <array>
+#include <climits>
+#include <cstring>
+#include <deque>
+#include <mutex>
+
+namespace {
+
+constexpr std::size_t cacheLine = 64;
+constexpr int wordSize = 8;
+
+// A frame in three words. The third holds the payload; for more than 8 bytes, the place of their first word in the array of
+// long payloads.
+struct Record
+{
+    std::atomic<quint64> time;
+    std::atomic<quint64> head; // bits 0..31 identifier, 32..39 data length, 40..47 flags, 48..55 line
+    std::atomic<quint64> payload;
+};
+
+// One line: where its frames are in the recording.
+struct alignas(cacheLine) Line
+{
+    AppendOnlyArray<std::atomic<quint32>> places;
+    std::atomic<quint32> count = 0;
+    std::atomic<quint64> readPosition
+        = 0; // of nextMessageForLine(): generation in the upper half, position in the lower
+    std::atomic<quint64> announcedEnd = 0; // the latest: generation in the upper half, count + 1 in the lower
+};
+
+struct HeldBackFrame
+{
+    unsigned char line;
+    CAN::CanMessage frame;
+    CanTimeStamp time;
+};
+
+// A clear that has been asked for and is not over, and the frames that were appended since, up to the next such clear.
+struct PendingClear
+{
+    bool isLive;
+    std::vector<HeldBackFrame> heldBack;
+};
+
+constexpr quint64 twoHalves(quint32 upper, quint32 lower)
+{
+    return (quint64(upper) << 32) | lower;
+}
+
+quint64 headOf(const CAN::CanMessage &frame, unsigned char line)
+{
+    return twoHalves((quint32(line) << 16) | (quint32(frame.mFlags) << 8) | frame.mDataLength, frame.mIdentifier);
+}
+
+// Payload bytes that a frame has, whatever its data length says.
+int storedBytes(const CAN::CanMessage &frame)
+{
+    if (frame.mFlags & CAN::CanMessage::RemoteRequest)
+        return 0;
+    return std::min<int>(frame.mDataLength, CAN::CanMessage::maxPayload);
+}
+
+// Words that the payload takes beyond the frame's own record.
+int longPayloadWordsOf(const CAN::CanMessage &frame)
+{
+    const int bytes = storedBytes(frame);
+    return bytes > wordSize ? (bytes + wordSize - 1) / wordSize : 0;
+}
+
+quint64 wordFrom(const quint8 *bytes, int count)
+{
+    quint64 word = 0;
+    std::memcpy(&word, bytes, std::size_t(std::min(count, wordSize)));
+    return word;
+}
+
+} // namespace
+
+// How readers get by without a lock
+//
+// The writer (whoever holds the mutex) writes the words of a frame, then publishes it by raising the counts. A clear sets
+// the counts to 0, then raises the generation; the frames appended next reuse the memory, which is never freed. A reader
+//   1. reads the generation, 2. reads a count and stays below it, 3. reads the words, 4. reads the generation again.
+// All words are atomics, written with release and read with acquire: a reader that met a single word of a later recording
+// in step 3 therefore sees in step 4 that the generation was raised before, and starts over. (Fences would do as well, but
+// the thread sanitizer does not know them; on x86 neither costs an instruction.)
+struct InMemoryDatachunkHandler::Private
+{
+    enum class Fetch { Done, NoSuchFrame, Overtaken };
+
+    explicit Private(quint32 first) : firstNumber(first) { }
+
+    static bool isClearing(quint32 since) { return since & 1; }
+    bool isOvertaken(quint32 since) const { return generation.load(std::memory_order_acquire) != since; }
+    bool readFrame(quint32 place, quint32 since, CAN::CanRxMessage &msg) const;
+    bool readLongPayload(quint64 firstWord, quint32 since, CAN::CanMessage &frame) const;
+    Fetch fetchOfLine(const Line &line, quint32 position, quint32 since, CAN::CanRxMessage &msg) const;
+    bool copyRestOfLine(const Line &line, quint32 position, QList<CAN::CanRxMessage> &frames) const;
+    bool isNewEnd(Line &line, quint32 position);
+
+    quint32 write(unsigned char lineNumber, const CAN::CanMessage &frame, CanTimeStamp time);
+    quint64 writePayload(const CAN::CanMessage &frame);
+    void discardFrames();
+
+    const quint32 firstNumber;
+
+    // Written by the writer, read by all.
+    AppendOnlyArray<Record> records;
+    AppendOnlyArray<std::atomic<quint64>> longPayloads;
+    std::array<Line, InMemoryDatachunkHandler::lastLine + 1> lines;
+    // Raised by 2 whenever reading starts over at position 0: by each clear, and when the read positions are set back.
+    // Odd while a clear sets the counts back one by one: a line without frames is no end of the recording then.
+    alignas(cacheLine) std::atomic<quint32> generation = 0;
+    alignas(cacheLine) std::atomic<quint32> count = 0;
+
+    // Makes the writer; guards what follows. Never held while a signal is emitted.
+    alignas(cacheLine) mutable std::mutex writing;
+    quint64 longPayloadWords = 0;
+    std::deque<PendingClear> pendingClears; // the first one is being carried out
+};
+
+// Fills msg with the frame at a place of the recording; false when the recording was cleared since the given generation.
+bool InMemoryDatachunkHandler::Private::readFrame(quint32 place, quint32 since, CAN::CanRxMessage &msg) const
+{
+    const Record &record = records.at(place);
+    const quint64 time = record.time.load(std::memory_order_acquire);
+    const quint64 head = record.head.load(std::memory_order_acquire);
+    const quint64 payload = record.payload.load(std::memory_order_acquire);
+    if (isOvertaken(since))
+        return false;
+    msg.mTimeStamp = CanTimeStamp::fromNSecs(qint64(time));
+    msg.mMessageNumber = firstNumber + place;
+    msg.mFrame.mIdentifier = quint32(head);
+    msg.mFrame.mDataLength = quint8(head >> 32);
+    msg.mFrame.mFlags = quint8(head >> 40);
+    std::memset(msg.mFrame.mPayload + wordSize, 0, sizeof(msg.mFrame.mPayload) - wordSize);
+    if (storedBytes(msg.mFrame) > wordSize)
+        return readLongPayload(payload, since, msg.mFrame);
+    std::memcpy(msg.mFrame.mPayload, &payload, wordSize);
+    return true;
+}
+
+bool InMemoryDatachunkHandler::Private::readLongPayload(quint64 firstWord, quint32 since, CAN::CanMessage &frame) const
+{
+    const int bytes = storedBytes(frame);
+    for (int done = 0; done < bytes; done += wordSize, ++firstWord) {
+        const quint64 word = longPayloads.at(firstWord).load(std::memory_order_acquire);
+        std::memcpy(frame.mPayload + done, &word, wordSize);
+    }
+    return !isOvertaken(since);
+}
+
+InMemoryDatachunkHandler::Private::Fetch InMemoryDatachunkHandler::Private::fetchOfLine(const Line &line,
+                                                                                        quint32 position, quint32 since,
+                                                                                        CAN::CanRxMessage &msg) const
+{
+    if (position >= line.count.load(std::memory_order_acquire))
+        return Fetch::NoSuchFrame;
+    const quint32 place = line.places.at(position).load(std::memory_order_acquire);
+    return readFrame(place, since, msg) ? Fetch::Done : Fetch::Overtaken;
+}
+
+// False when the recording was cleared meanwhile; the list then holds frames that are gone.
+bool InMemoryDatachunkHandler::Private::copyRestOfLine(const Line &line, quint32 position,
+                                                       QList<CAN::CanRxMessage> &frames) const
+{
+    const quint32 since = generation.load(std::memory_order_acquire);
+    CAN::CanRxMessage msg;
+    for (;; ++position) {
+        const Fetch result = fetchOfLine(line, position, since, msg);
+        if (result != Fetch::Done)
+            return result == Fetch::NoSuchFrame && !isOvertaken(since);
+        frames.append(msg);
+    }
+}
+
+// Whether a reader at the position has met an end of the line that was not announced before; it counts as announced from
+// now on. What is kept is only ever raised: of two threads that met two ends, the slower one must not bring back the earlier.
+bool InMemoryDatachunkHandler::Private::isNewEnd(Line &line, quint32 position)
+{
+    const quint32 since = generation.load(std::memory_order_acquire);
+    if (line.count.load(std::memory_order_acquire) != position || isClearing(since) || isOvertaken(since))
+        return false;
+    const quint64 end = twoHalves(since, position + 1);
+    quint64 announced = line.announcedEnd.load(std::memory_order_relaxed);
+    while (announced < end) {
+        if (line.announcedEnd.compare_exchange_weak(announced, end, std::memory_order_relaxed))
+            return true;
+    }
+    return false;
+}
+
+quint32 InMemoryDatachunkHandler::Private::write(unsigned char lineNumber, const CAN::CanMessage &frame,
+                                                 CanTimeStamp time)
+{
+    Line &line = lines[lineNumber];
+    const quint32 place = count.load(std::memory_order_relaxed);
+    const quint32 placeInLine = line.count.load(std::memory_order_relaxed);
+    records.reserve(place + 1);
+    line.places.reserve(placeInLine + 1);
+    longPayloads.reserve(longPayloadWords + quint64(longPayloadWordsOf(frame)));
+
+    Record &record = records.at(place);
+    record.time.store(quint64(time.toNSecs()), std::memory_order_release);
+    record.head.store(headOf(frame, lineNumber), std::memory_order_release);
+    record.payload.store(writePayload(frame), std::memory_order_release);
+    line.places.at(placeInLine).store(place, std::memory_order_release);
+    count.store(place + 1, std::memory_order_release);
+    line.count.store(placeInLine + 1, std::memory_order_release);
+    return firstNumber + place;
+}
+
+// Stores a long payload and returns where, or returns the payload itself.
+quint64 InMemoryDatachunkHandler::Private::writePayload(const CAN::CanMessage &frame)
+{
+    const int bytes = storedBytes(frame);
+    if (bytes <= wordSize)
+        return wordFrom(frame.mPayload, bytes);
+    const quint64 firstWord = longPayloadWords;
+    for (int done = 0; done < bytes; done += wordSize) {
+        const quint64 word = wordFrom(frame.mPayload + done, bytes - done);
+        longPayloads.at(longPayloadWords++).store(word, std::memory_order_release);
+    }
+    return firstWord;
+}
+
+void InMemoryDatachunkHandler::Private::discardFrames()
+{
+    generation.fetch_add(1, std::memory_order_acq_rel);
+    for (Line &line : lines)
+        line.count.store(0, std::memory_order_release);
+    count.store(0, std::memory_order_release);
+    longPayloadWords = 0;
+    generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+InMemoryDatachunkHandler::InMemoryDatachunkHandler(quint32 firstMessageNumber, QObject *parent)
+    : DatachunkHandler(parent), d(std::make_unique<Private>(firstMessageNumber))
+{
+}
+
+InMemoryDatachunkHandler::~InMemoryDatachunkHandler() = default;
+
+std::optional<quint32> InMemoryDatachunkHandler::append(unsigned char line, const CAN::CanMessage &frame,
+                                                        CanTimeStamp time)
+{
+    if (line > lastLine)
+        return std::nullopt;
+    const std::lock_guard<std::mutex> lock(d->writing);
+    if (d->pendingClears.empty())
+        return getMessageCount() < INT_MAX ? std::make_optional(d->write(line, frame, time)) : std::nullopt;
+    auto &heldBack = d->pendingClears.back().heldBack;
+    if (heldBack.size() >= INT_MAX)
+        return std::nullopt;
+    heldBack.push_back({line, frame, time});
+    return d->firstNumber + quint32(heldBack.size() - 1);
+}
+
+bool InMemoryDatachunkHandler::clear(bool isLive)
+{
+    std::unique_lock<std::mutex> lock(d->writing);
+    d->pendingClears.push_back({isLive, {}});
+    if (d->pendingClears.size() > 1)
+        return false; // left to the thread that carries out the first one: waiting for its slots could be a deadlock
+    while (!d->pendingClears.empty()) {
+        const bool nextIsLive = d->pendingClears.front().isLive;
+        lock.unlock();
+        Q_EMIT informAboutClearStart();
+        lock.lock();
+        d->discardFrames();
+        lock.unlock();
+        Q_EMIT informAboutCleared(nextIsLive);
+        lock.lock();
+        const PendingClear done = std::move(d->pendingClears.front());
+        d->pendingClears.pop_front();
+        for (const HeldBackFrame &held : done.heldBack)
+            d->write(held.line, held.frame, held.time);
+    }
+    return true;
+}
+
+void InMemoryDatachunkHandler::squeeze()
+{
+    const std::lock_guard<std::mutex> lock(d->writing);
+    d->records.squeeze(d->count);
+    d->longPayloads.squeeze(d->longPayloadWords);
+    for (Line &line : d->lines)
+        line.places.squeeze(line.count);
+}
+
+int InMemoryDatachunkHandler::getMessageCount()
+{
+    return int(d->count.load(std::memory_order_acquire));
+}
+
+CAN::CanRxMessage InMemoryDatachunkHandler::messageAt(int index) const
+{
+    CAN::CanRxMessage msg;
+    for (;;) {
+        const quint32 since = d->generation.load(std::memory_order_acquire);
+        if (index < 0 || quint32(index) >= d->count.load(std::memory_order_acquire))
+            return CAN::CanRxMessage();
+        if (d->readFrame(quint32(index), since, msg))
+            return msg;
+    }
+}
+
+void InMemoryDatachunkHandler::resetLinePositions()
+{
+    d->generation.fetch_add(2, std::memory_order_acq_rel);
+}
+
+bool InMemoryDatachunkHandler::nextMessageForLine(CAN::CanRxMessage &msg, unsigned char line)
+{
+    if (line > lastLine)
+        return false;
+    std::atomic<quint64> &readPosition = d->lines[line].readPosition;
+    for (;;) {
+        const quint32 since = d->generation.load(std::memory_order_acquire);
+        quint64 seen = readPosition.load(std::memory_order_acquire);
+        const quint32 position = quint32(seen >> 32) == since ? quint32(seen) : 0;
+        const Private::Fetch result = d->fetchOfLine(d->lines[line], position, since, msg);
+        if (result == Private::Fetch::NoSuchFrame)
+            return false;
+        // Another user of the position may have taken the frame meanwhile.
+        if (result == Private::Fetch::Done
+            && readPosition.compare_exchange_strong(seen, twoHalves(since, position + 1), std::memory_order_acq_rel))
+            return true;
+    }
+}
+
+bool InMemoryDatachunkHandler::getMessageOfLine(CAN::CanRxMessage &msg, unsigned char line, unsigned int &position)
+{
+    if (line > lastLine)
+        return false;
+    Private::Fetch result = Private::Fetch::Overtaken;
+    while (result == Private::Fetch::Overtaken)
+        result = d->fetchOfLine(d->lines[line], position, d->generation.load(std::memory_order_acquire), msg);
+    if (result == Private::Fetch::NoSuchFrame && d->isNewEnd(d->lines[line], position))
+        Q_EMIT endOfLineReached(line);
+    return result == Private::Fetch::Done;
+}
+
+QList<CAN::CanRxMessage> InMemoryDatachunkHandler::getMessagesOfLine(unsigned char line, unsigned int position)
+{
+    QList<CAN::CanRxMessage> frames;
+    while (line <= lastLine && !d->copyRestOfLine(d->lines[line], position, frames))
+        frames.clear();
+    return frames;
+}
+
+int InMemoryDatachunkHandler::lineAt(int index) const
+{
+    const quint32 since = d->generation.load(std::memory_order_acquire);
+    if (index < 0 || quint32(index) >= d->count.load(std::memory_order_acquire))
+        return -1;
+    const quint64 head = d->records.at(quint32(index)).head.load(std::memory_order_acquire);
+    return d->isOvertaken(since) ? -1 : int(quint8(head >> 48));
+}
+
+int InMemoryDatachunkHandler::messageCountOfLine(unsigned char line) const
+{
+    return line > lastLine ? 0 : int(d->lines[line].count.load(std::memory_order_acquire));
+}
+
+QList<unsigned char> InMemoryDatachunkHandler::linesInUse() const
+{
+    QList<unsigned char> lines;
+    for (int line = 0; line <= lastLine; ++line) {
+        if (messageCountOfLine(quint8(line)) > 0)
+            lines.append(quint8(line));
+    }
+    return lines;
+}
+
+quint32 InMemoryDatachunkHandler::firstMessageNumber() const
+{
+    return d->firstNumber;
+}
+
+qint64 InMemoryDatachunkHandler::memoryUsed() const
+{
+    const std::lock_guard<std::mutex> lock(d->writing);
+    quint64 bytes = d->records.bytesReserved() + d->longPayloads.bytesReserved();
+    for (const Line &line : d->lines)
+        bytes += line.places.bytesReserved();
+    return qint64(bytes);
+}
