@@ -67,6 +67,12 @@ public:
     /// Node-ID of an emergency message (identifier − 0x080 in 16 bits), as checkNode() gives it.
     static int getNodeFromEMCY(const CAN::CanMessage &msg);
 
+    /// Records the NMT state that a node announced; malformed error control frames count as protocol errors.
+    void handleNMTECMessage(const CAN::CanRxMessage &frame, const CANopen::MessageType &type);
+    /// Node-ID of an NMT error control frame (identifier − 0x700 in 16 bits), as checkNode() gives it, and its state in
+    /// \a event; -1 for a frame that has not exactly one byte, which counts as a protocol error.
+    int getNodeFromNMT_EC(const CAN::CanMessage &msg, CANopen::MessageType type, CANopen::CANopenNMTEvent &event);
+
     /// Rating from 0 to 100, see CANopenNetworkAnalyzer::calculateRating().
     qint16 calculateRating() const;
 
@@ -92,6 +98,50 @@ private Q_SLOTS:
     void onDatachunkClearStart();
 
 private:
+    // The passes of the loop. Each returns whether the loop goes on.
+    bool pass(CAN::CanRxMessage &buffer);
+    bool sleepWhilePaused(quint32 &pauseState);
+    bool fetch(CAN::CanRxMessage &buffer);
+    bool analyzeFetched(const CAN::CanRxMessage &frame);
+    bool idle(quint32 pauseState);
+    bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
+
+    void handleRescuedFrames();
+    void analyzeFrame(const CAN::CanRxMessage &frame);
+    void handleSdoResponse(const CAN::CanRxMessage &frame);
+    void handleEmergency(const CAN::CanRxMessage &frame);
+    void handleNmtCommand(const CAN::CanRxMessage &frame);
+    bool handToSdoHandler(const CAN::CanRxMessage &frame);
+    void countMessageType(CANopen::MessageType type);
+    void startOver();
+    void lookAgain();
+    unsigned char line() const;
+
+    // Set once, then only read
+    const std::shared_ptr<GuestLock>
+        mLock; // protects everything below that is not atomic; the loop holds it while frames flow
+    QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // the analyzer's
+    QMap<CANopen::MessageType, unsigned int> *mMessageTypeDistribution = nullptr;        // the model's
+    QPointer<SDOMessageHandler> mSdoHandler;                                             // a child of the worker
+
+    // The host's, may vanish
+    const QPointer<CANopenNetwork> mNetwork;
+    const QPointer<DatachunkHandler> mDatachunkHandler;
+
+    // Flags: written by any thread, polled by the loop
+    std::atomic<bool> mStopRequested{false}; // never cleared, so that a stop before the loop's start is not lost
+    std::atomic<bool> mRunning{false};
+    // Bit 0: paused. The other bits count the commands that ask the loop to look at its line (again): the loop's own pause
+    // at the end of a recording is a compare-exchange against the state read before the fetch, so any such command wins.
+    std::atomic<quint32> mPauseState{1};
+    std::atomic<bool> mClearPending{false}; // frames were rescued; changed by exchange only
+
+    // Under mLock
+    quint32 mLinePosition = 0; // of the next fetch; frames analysed since the start, a reset, a reanalysis or a clear
+    quint32 mRestarts = 0;  // counts resets and reanalyses: tells whether the frame in hand still belongs to this run
+    bool mClearing = false; // between the start and the end of a clear of the store: nothing is fetched
+    QList<CAN::CanRxMessage> mPendingMessages; // frames rescued before a clear, oldest first
+    QMap<RatingMessageTypes, unsigned int> mRatingCounts;
 };
 
 #endif // CANOPENANALYSIS_NETWORK_CANOPENNETWORKANALYZERWORKER_H

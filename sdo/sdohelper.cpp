@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr int valueOffset = 4;     // bytes 4 to 7 of an initiate frame hold the value or the size
+constexpr int valueOffset = 4; // bytes 4 to 7 of an initiate frame hold the value or the size
 constexpr int maxValueBytes = 4;
 
 /// \a bits bits of byte 0 from bit \a lowest on, shifted down to bit 0.

@@ -1,17 +1,22 @@
 #ifndef CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H
 #define CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H
 
+#include "sdo/sdosegmenteddownloadanalyzer.h"
+#include "sdo/sdosegmenteduploadanalyzer.h"
 #include "support/canopenanalysis_export.h"
 #include "support/canopenrecords.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 #include <QList>
 #include <QMap>
 #include <QObject>
+#include <QPointer>
 #include <QVariant>
 
 #include <memory>
 
+class ByteBudget;
 class GuestLock;
 
 /// Follows the SDO conversations on one CAN line: fed with the received frames in recording order, it pairs each request with
@@ -32,6 +37,10 @@ class CANOPENANALYSIS_EXPORT SDOMessageHandler : public QObject
     Q_DISABLE_COPY_MOVE(SDOMessageHandler)
 
 public:
+    /// Bound on the payload bytes that one handler keeps of running segmented transfers and of block transfers together.
+    /// Beyond it a segment fails its transfer and the payload of a block segment is dropped.
+    static constexpr qint64 maxCollectedBytes = 64 * 1024 * 1024;
+
     /// \a descriptions may be null; the handler keeps the pointer and never reads through it.
     SDOMessageHandler(QObject *parent, QHash<unsigned int, CANopen::CANopenMessageDescription> *descriptions);
     ~SDOMessageHandler() override;
@@ -60,6 +69,10 @@ public:
 
     /// Block transfer records by node-ID; each node seen in an SDO frame has one. A copy.
     QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers() const { return mBlockTransfers; }
+
+    /// Replaces maxCollectedBytes for this handler, for hosts with less memory; takes effect with the next segment.
+    /// \a bytes: 0 or more.
+    void setCollectedBytesLimit(qint64 bytes);
 
     /// For the library's own loop: the lock under which it feeds this handler. The deferred check then enters as a
     /// guest. Without it the check takes no lock.
@@ -101,16 +114,58 @@ private:
                                            const CAN::CanRxMessage &msg);
     void handleUnmatchedResponse(const SDO::SDOEntryKey &key, const CAN::CanRxMessage &msg);
 
+    // Segmented transfers
+    void handleDLSegmentedInitRequest(const CAN::CanRxMessage &msg, unsigned char node);
+    void handleDownloadSegmentRequest(const CAN::CanRxMessage &msg);
+    void handleDownloadSegmentResponse(const CAN::CanRxMessage &msg);
+    void handleUploadSegmentedInitResponse(unsigned char node, unsigned short index, unsigned char subindex,
+                                           const CAN::CanRxMessage &msg);
+    void handleUploadSegmentRequest(const CAN::CanRxMessage &msg);
+    void handleUploadSegmentResponse(const CAN::CanRxMessage &msg);
+    void handleSegmentedDownloadResult(SDOSegmentedTransferAnalyzer::Result result, unsigned char node,
+                                       quint32 msgNumber);
+    void handleSegmentedUploadResult(SDOSegmentedTransferAnalyzer::Result result, unsigned char node,
+                                     quint32 msgNumber);
+    void segmentedDownloadFinished(unsigned char node);
+    void segmentedUploadFinished(unsigned char node);
+    void segmentedDownloadError(unsigned char node, quint32 msgNumber);
+    void segmentedUploadError(unsigned char node, quint32 msgNumber);
+    bool reportSegmentedValue(const SDOSegmentedTransferAnalyzer &analyzer, unsigned char node, bool wasSDOWrite);
+    void endDownload(unsigned char node);
+    void endUpload(unsigned char node);
+
+    // Block transfers
+    void handleC2SBlockDownloadMsg(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
+    void handleS2CBlockDownloadMsg(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
+    void handleC2SBlockUploadMsg(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
+    void handleS2CBlockUploadMsg(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
+    void handleBlockSegment(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
+    void removeUnsetBytes(const CAN::CanMessage &endFrame, CANopen::SDODef::SDOBlockTransfer &transfer);
+    static bool getBlockUploadSubblockData(quint8 &sequence, QByteArray &payload, const CAN::CanMessage &segment);
+
+    // Responder counts
+    bool checkForMultipleResponse(unsigned char node, unsigned short index, unsigned char subindex,
+                                  const CAN::CanRxMessage &msg);
+    void removeFinishedSDOEntry(unsigned char node, unsigned short index, unsigned char subindex);
+    void scheduleNodeCountCheck();
+    void armNodeCountCheck(qint64 delayMs);
+    void runDueNodeCountChecks();
+
     // Entry tables
     void addFinishedEntry(const SDO::SDOEntry &entry);
+    SDO::SDOEntry &foundEntry(const SDO::SDOEntry &model);
 
-    // Reports. After each of them nothing found before (iterator, reference) may be used: a slot may have called back.
-    void reportError(const CAN::CanRxMessage &msg, CANopen::SdoProtocolErrorType type);
+    // Reports. A slot may call back: afterwards nothing found before (analyzer, iterator, reference) is used, and a false
+    // result tells that a slot has called reset(), so that nothing more of the frame in hand may be kept.
+    bool reportError(quint32 msgNumber, CANopen::SdoProtocolErrorType type);
     void listAndReportError(const CAN::CanRxMessage &msg, CANopen::SdoProtocolErrorType type);
+    bool reportValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value);
+    bool reportNodeCount(unsigned char node, unsigned char count);
 
     // Set once, then only read
-    QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // the owner's; never read
+    [[maybe_unused]] QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // not owned
     std::shared_ptr<GuestLock> mGuestLock;
+    const std::unique_ptr<ByteBudget> mBudget;
 
     // What was seen
     EntryHash mPendingEntries;  // requests waiting for their answer
@@ -118,6 +173,10 @@ private:
     EntryHash mFoundEntries;    // every value of every finished transfer, while those are kept
     QMap<unsigned char, unsigned char> mNodeResponseCount; // devices answering under a node-ID, as last established
     QMap<unsigned char, unsigned char> mReportedNodeCount; // the same, as last reported
+    // At most one running transfer per node and direction; without a parent, deleted where their entry is removed
+    // (endDownload(), endUpload(), reset(), destructor)
+    QHash<unsigned char, QPointer<SDOSegmentedDownloadAnalyzer>> mSegmentedDownloads;
+    QHash<unsigned char, QPointer<SDOSegmentedUploadAnalyzer>> mSegmentedUploads;
     QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> mBlockTransfers;
     QList<unsigned int> mProtocolErrors;
     bool mKeepFinishedTransfers = false;
@@ -125,6 +184,10 @@ private:
 
     // Counts reset(): tells a function that has emitted a signal whether a slot called it
     quint32 mResetCount = 0;
+
+    // Deferred count checks: milliseconds of mClock when they are due, ascending, one at most for a millisecond
+    QElapsedTimer mClock;
+    QList<qint64> mDueNodeCountChecks;
 };
 
 #endif // CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H

@@ -62,10 +62,10 @@ struct CANOPENANALYSIS_EXPORT CanRxMessage
 
 /// Names of the bus errors that an error frame reports, by error number (1 to 8).
 static const QMap<unsigned char, QString> errorNames = {
-    {1, QStringLiteral("Stuff error")},           {2, QStringLiteral("Form error")},
-    {3, QStringLiteral("Acknowledgment error")},  {4, QStringLiteral("Bit error")},
-    {5, QStringLiteral("Fast data bit error")},   {6, QStringLiteral("CRC error")},
-    {7, QStringLiteral("Data length error")},     {8, QStringLiteral("unspecified error")},
+    {1, QStringLiteral("Stuff error")},          {2, QStringLiteral("Form error")},
+    {3, QStringLiteral("Acknowledgment error")}, {4, QStringLiteral("Bit error")},
+    {5, QStringLiteral("Fast data bit error")},  {6, QStringLiteral("CRC error")},
+    {7, QStringLiteral("Data length error")},    {8, QStringLiteral("unspecified error")},
 };
 
 /// Payload lengths in bytes of the CAN FD data length codes 9 to 15, in that order.

@@ -20,10 +20,10 @@ struct IdentifierRange
 };
 
 constexpr IdentifierRange identifierRanges[] = {
-    {0x000, 0x000, NMT},         {0x001, 0x001, GFC},     {0x071, 0x076, FLYMA},   {0x080, 0x080, SYNC},
-    {0x081, 0x0FF, EMCY},        {0x100, 0x100, TIME},    {0x101, 0x180, SRDO},    {firstPdo, lastPdo, PDO},
-    {0x580, 0x5FF, SDO_RES},     {0x600, 0x67F, SDO_REQ}, {0x691, 0x691, Sleep},   {0x6E0, 0x6E0, SDO_DYN_REQ},
-    {0x700, 0x77F, NMT_EC},      {0x7E4, 0x7E4, LSS_RES}, {0x7E5, 0x7E5, LSS_REQ},
+    {0x000, 0x000, NMT},     {0x001, 0x001, GFC},     {0x071, 0x076, FLYMA},   {0x080, 0x080, SYNC},
+    {0x081, 0x0FF, EMCY},    {0x100, 0x100, TIME},    {0x101, 0x180, SRDO},    {firstPdo, lastPdo, PDO},
+    {0x580, 0x5FF, SDO_RES}, {0x600, 0x67F, SDO_REQ}, {0x691, 0x691, Sleep},   {0x6E0, 0x6E0, SDO_DYN_REQ},
+    {0x700, 0x77F, NMT_EC},  {0x7E4, 0x7E4, LSS_RES}, {0x7E5, 0x7E5, LSS_REQ},
 };
 
 /// One byte per 11-bit identifier: every frame is looked up here twice, so a look-up must not depend on the class.
@@ -48,7 +48,8 @@ bool isPdoIdentifier(quint32 id)
 
 CANopen::MessageType COHelper::getMessageType(const CAN::CanMessage &frame, bool &isAbort)
 {
-    constexpr quint8 noDataFrame = CAN::CanMessage::ExtendedId | CAN::CanMessage::RemoteRequest | CAN::CanMessage::ErrorFrame;
+    constexpr quint8 noDataFrame =
+        CAN::CanMessage::ExtendedId | CAN::CanMessage::RemoteRequest | CAN::CanMessage::ErrorFrame;
     const quint32 id = frame.mIdentifier;
     if (id >= identifierCount)
         return UNKNOWN;

@@ -1,0 +1,516 @@
+#include "network/canopennetworkanalyzerworker.h"
+
+#include "sdo/sdomessagehandler.h"
+#include "support/canopendevice.h"
+#include "support/cohelper.h"
+#include "support/guestlock_p.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QThread>
+
+#include <cmath>
+
+using namespace CANopen;
+
+namespace {
+
+constexpr unsigned long pauseSleepMs = 500;
+constexpr unsigned long idleSleepUs = 1;
+constexpr quint32 framesPerEventPoint = 5000;
+
+// mPauseState
+constexpr quint32 pausedBit = 1;
+constexpr quint32 oneCommand = 2;
+
+constexpr signed char firstNode = 1; // of a device; node-ID 0 is no device, and 127 is the largest that the type holds
+
+/// What a node announces in byte 0 of an error control frame; bit 7 is the toggle bit of node guarding.
+quint8 eventCodeOfState(quint8 stateByte, quint8 otherwise)
+{
+    constexpr quint8 toggleBit = 0x80;
+    switch (stateByte & ~toggleBit) {
+    case 0x04:
+        return NE_Stopped;
+    case 0x05:
+        return NE_Operational;
+    case 0x7F:
+        return NE_PreOperational;
+    default:
+        return otherwise;
+    }
+}
+
+/// identifier − base in 16 bits
+short identifierOffset(const CAN::CanMessage &msg, quint32 base)
+{
+    return static_cast<short>(static_cast<quint16>(msg.mIdentifier - base));
+}
+
+} // namespace
+
+CANopenNetworkAnalyzerWorker::CANopenNetworkAnalyzerWorker(
+    QPointer<CANopenNetwork> network, QPointer<DatachunkHandler> datachunkHandler,
+    QHash<unsigned int, CANopen::CANopenMessageDescription> &messageDescriptions, QObject *parent)
+    : QObject(parent),
+      mLock(std::make_shared<GuestLock>()),
+      mMessageDescriptions(&messageDescriptions),
+      mNetwork(network),
+      mDatachunkHandler(datachunkHandler)
+{
+    mSdoHandler = new SDOMessageHandler(this, mMessageDescriptions);
+    mSdoHandler->setGuestLock(mLock);
+    if (mNetwork)
+        mMessageTypeDistribution = mNetwork->getMessageTypeDistribution();
+
+    using Worker = CANopenNetworkAnalyzerWorker;
+    connect(mSdoHandler, &SDOMessageHandler::newValue, this, &Worker::newSDOValue, Qt::DirectConnection);
+    connect(mSdoHandler, &SDOMessageHandler::sigProtocolError, this, &Worker::slotSDOProtocolErrorOccured,
+            Qt::DirectConnection);
+    connect(mSdoHandler, &SDOMessageHandler::sigMultipleNodesDetected, this, &Worker::slotSDOMultipleNodesDetected,
+            Qt::DirectConnection);
+    if (mDatachunkHandler) {
+        connect(mDatachunkHandler, &DatachunkHandler::informAboutCleared, this, &Worker::onDatachunkCleared,
+                Qt::DirectConnection);
+        connect(mDatachunkHandler, &DatachunkHandler::informAboutClearStart, this, &Worker::onDatachunkClearStart,
+                Qt::DirectConnection);
+    }
+}
+
+CANopenNetworkAnalyzerWorker::~CANopenNetworkAnalyzerWorker()
+{
+    // The last guest: whatever the analysis thread wrote comes before the destruction, however its end was awaited.
+    const GuestScope guest(mLock.get());
+    mMessageDescriptions->clear();
+}
+
+// ---- the loop ----------------------------------------------------------------------------------------------------------
+
+void CANopenNetworkAnalyzerWorker::analyze()
+{
+    if (!mNetwork || !mDatachunkHandler)
+        return;
+
+    // stop() sets its request first and clears mRunning second; here it is the other way round, so one of us sees the other.
+    mRunning = true;
+    if (mStopRequested) {
+        mRunning = false;
+        return;
+    }
+
+    const std::shared_ptr<GuestLock> lock = mLock; // outlives a worker that is deleted at an event point
+    CAN::CanRxMessage buffer;
+    lock->enterLoop();
+    while (pass(buffer)) {}
+    lock->leaveLoop();
+}
+
+//  state      entered by                                               left by
+//  paused     construction, setPause(true), end of a recording         setPause(false), reanalyze()
+//  analysing  leaving paused                                           end of recording (paused), stop(), model or store gone
+//  ended      stop(), model or store gone                              –
+//
+//  one pass:  paused? sleep, events, again │ guests │ rescued frames │ fetch ─ frame ─┬─ (every 5000th: events) ─ analyse
+//                                                                                    └─ none: idle (events, sleep, pause)
+//  Guests and events come in at these points only; a clear, a reset or a reanalysis therefore finds whole frames.
+bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffer)
+{
+    quint32 pauseState = 0;
+    if (!sleepWhilePaused(pauseState))
+        return false;
+    mLock->admitGuests();
+    handleRescuedFrames();
+    if (!mNetwork || !mDatachunkHandler) {
+        mRunning = false;
+        return idle(pauseState);
+    }
+    return fetch(buffer) ? analyzeFetched(buffer) : idle(pauseState);
+}
+
+bool CANopenNetworkAnalyzerWorker::sleepWhilePaused(quint32 &pauseState)
+{
+    pauseState = mPauseState;
+    while ((pauseState & pausedBit) != 0) {
+        if (!serveEvents(pauseSleepMs, 0) || !mRunning)
+            return false;
+        pauseState = mPauseState;
+    }
+    return true;
+}
+
+bool CANopenNetworkAnalyzerWorker::fetch(CAN::CanRxMessage &buffer)
+{
+    if (mClearing || !mDatachunkHandler->getMessageOfLine(buffer, line(), mLinePosition))
+        return false;
+    ++mLinePosition;
+    return true;
+}
+
+bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame)
+{
+    const quint32 restarts = mRestarts;
+    if (mLinePosition % framesPerEventPoint == 0 && !serveEvents(0, 0))
+        return false;
+
+    if (restarts == mRestarts) {
+        if (mNetwork) {
+            analyzeFrame(frame);
+        } else {
+            qDebug() << "void CANopenNetworkAnalyzerWorker::analyze()"
+                     << "Line:" << 171 << "¯\\_(ツ)_/¯";
+        }
+    }
+    return mRunning;
+}
+
+bool CANopenNetworkAnalyzerWorker::idle(quint32 pauseState)
+{
+    if (!serveEvents(0, idleSleepUs))
+        return false;
+    // While the store is cleared an empty line is no end of a recording.
+    if (!CAN::CanRxMessage::mLiveMode && !mClearing)
+        mPauseState.compare_exchange_strong(pauseState, pauseState | pausedBit);
+    return mRunning;
+}
+
+/// An event point: sleeps, serves the thread's events with the lock given away, sleeps. Anything may happen inside: guests,
+/// clears, reset(), reanalyze(), the deferred count check, deletion of model and store.
+/// False when the worker itself is gone: nothing of it may be touched any more.
+bool CANopenNetworkAnalyzerWorker::serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs)
+{
+    const QPointer<CANopenNetworkAnalyzerWorker> self(this);
+    const std::shared_ptr<GuestLock> lock = mLock;
+    {
+        const LoopBreak lent(*lock);
+        if (sleepBeforeMs > 0)
+            QThread::msleep(sleepBeforeMs);
+        QCoreApplication::processEvents();
+        if (sleepAfterUs > 0)
+            QThread::usleep(sleepAfterUs);
+    }
+    return !self.isNull();
+}
+
+void CANopenNetworkAnalyzerWorker::handleRescuedFrames()
+{
+    if (!mClearPending)
+        return;
+    mClearPending.exchange(false);
+
+    // Taken out first: a clear that begins between two of them leaves its frames for the next pass.
+    QList<CAN::CanRxMessage> rescued;
+    rescued.swap(mPendingMessages);
+    for (const CAN::CanRxMessage &frame : std::as_const(rescued)) {
+        mLock->admitGuests();
+        analyzeFrame(frame);
+    }
+}
+
+void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame)
+{
+    const quint32 restarts = mRestarts;
+    if (mNetwork)
+        mNetwork->addCANMessage(frame);
+    if (restarts == mRestarts)
+        handleMessage(frame);
+}
+
+unsigned char CANopenNetworkAnalyzerWorker::line() const
+{
+    return static_cast<unsigned char>(mNetwork->networkID());
+}
+
+// ---- commands ----------------------------------------------------------------------------------------------------------
+
+void CANopenNetworkAnalyzerWorker::stop()
+{
+    mStopRequested = true;
+    mRunning = false;
+}
+
+void CANopenNetworkAnalyzerWorker::setPause(bool paused)
+{
+    quint32 state = mPauseState;
+    quint32 next = 0;
+    do {
+        next = ((state + oneCommand) & ~pausedBit) | (paused ? pausedBit : 0);
+    } while (!mPauseState.compare_exchange_weak(state, next));
+}
+
+/// Keeps the loop from pausing itself before it has looked at its line once more.
+void CANopenNetworkAnalyzerWorker::lookAgain()
+{
+    mPauseState.fetch_add(oneCommand);
+}
+
+void CANopenNetworkAnalyzerWorker::reset()
+{
+    const GuestScope guest(mLock.get());
+    ++mRestarts;
+    if (mNetwork)
+        mNetwork->reset();
+    if (mDatachunkHandler)
+        mDatachunkHandler->resetLinePositions();
+    startOver();
+}
+
+void CANopenNetworkAnalyzerWorker::reanalyze()
+{
+    const GuestScope guest(mLock.get());
+    ++mRestarts;
+    if (mDatachunkHandler)
+        mDatachunkHandler->resetLinePositions();
+    if (mNetwork) {
+        const QList<QPointer<GenericCANDevice>> devices = mNetwork->getDeviceList();
+        for (const QPointer<GenericCANDevice> &device : devices) {
+            if (auto *const canopenDevice = qobject_cast<CANopenDevice *>(device.data()))
+                canopenDevice->clearObjectValues();
+        }
+    }
+    startOver();
+    setPause(false);
+}
+
+/// The steps that reset() and reanalyze() share. Frames rescued from a cleared store stay: no later fetch brings them back.
+void CANopenNetworkAnalyzerWorker::startOver()
+{
+    if (mSdoHandler)
+        mSdoHandler->reset();
+    mRatingCounts.clear();
+    mLinePosition = 0;
+    if (mNetwork && mMessageTypeDistribution)
+        mMessageTypeDistribution->clear();
+}
+
+// ---- the store is cleared ----------------------------------------------------------------------------------------------
+
+void CANopenNetworkAnalyzerWorker::onDatachunkClearStart()
+{
+    const GuestScope guest(mLock.get());
+    // A second start before the end of the clear would rescue the same frames again.
+    if (!mNetwork || !mDatachunkHandler || mClearing)
+        return;
+    mClearing = true;
+    if (mStopRequested) // nobody will analyse them
+        return;
+    const QList<CAN::CanRxMessage> rescued = mDatachunkHandler->getMessagesOfLine(line(), mLinePosition);
+    if (rescued.isEmpty())
+        return;
+    mPendingMessages += rescued;
+    mClearPending.exchange(true);
+    lookAgain();
+}
+
+void CANopenNetworkAnalyzerWorker::onDatachunkCleared(bool isLive)
+{
+    Q_UNUSED(isLive)
+    const GuestScope guest(mLock.get());
+    mLinePosition = 0;
+    mClearing = false;
+    lookAgain();
+}
+
+// ---- classification and dispatch ---------------------------------------------------------------------------------------
+
+void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
+{
+    bool isAbort = false;
+    const MessageType classified = COHelper::getMessageType(frame.mFrame, isAbort);
+    const MessageType type = isAbort ? SDO_ABORT : classified;
+    countMessageType(type);
+
+    switch (type) {
+    case SDO_REQ:
+        handToSdoHandler(frame);
+        return;
+    case SDO_RES:
+        return handleSdoResponse(frame);
+    case SDO_ABORT:
+        if (handToSdoHandler(frame))
+            ++mRatingCounts[RMT_SdoAbort];
+        return;
+    case SYNC:
+        if (mNetwork)
+            mNetwork->addSYNC(frame.mMessageNumber);
+        return;
+    case PDO:
+        if (mNetwork)
+            mNetwork->addPDOCanMessage(frame);
+        return;
+    case NMT:
+        return handleNmtCommand(frame);
+    case EMCY:
+        return handleEmergency(frame);
+    case NMT_EC:
+    case NMT_EC_BOOTUP:
+        return handleNMTECMessage(frame, type);
+    default: // UNKNOWN, SDO_SEGSTARTSTOP, SRDO, and whatever lies above NMT_EC_BOOTUP
+        ++mRatingCounts[RMT_Unhandled];
+        return;
+    }
+}
+
+void CANopenNetworkAnalyzerWorker::countMessageType(CANopen::MessageType type)
+{
+    if (mNetwork && mMessageTypeDistribution)
+        ++(*mMessageTypeDistribution)[type];
+}
+
+/// False when a slot has started the analysis over: nothing more of the frame is counted then.
+bool CANopenNetworkAnalyzerWorker::handToSdoHandler(const CAN::CanRxMessage &frame)
+{
+    const quint32 restarts = mRestarts;
+    if (mSdoHandler)
+        mSdoHandler->handleCANMessage(frame);
+    return restarts == mRestarts;
+}
+
+void CANopenNetworkAnalyzerWorker::handleSdoResponse(const CAN::CanRxMessage &frame)
+{
+    const auto node = static_cast<signed char>(getNodeFromSDO_RES(frame.mFrame));
+    const quint32 restarts = mRestarts;
+    if (node >= firstNode && mNetwork)
+        mNetwork->addNode(node, QString());
+    if (restarts == mRestarts)
+        handToSdoHandler(frame);
+}
+
+void CANopenNetworkAnalyzerWorker::handleEmergency(const CAN::CanRxMessage &frame)
+{
+    const auto node = static_cast<signed char>(getNodeFromEMCY(frame.mFrame));
+    if (node >= firstNode && mNetwork)
+        mNetwork->addEMCYMsg(node, frame);
+}
+
+//  NMT command   command specifier | node-ID (0: all nodes)
+void CANopenNetworkAnalyzerWorker::handleNmtCommand(const CAN::CanRxMessage &frame)
+{
+    if (mNetwork)
+        mNetwork->addNMTRequest(frame.mFrame.mPayload[1], static_cast<NmtCommands>(frame.mFrame.mPayload[0]),
+                                frame.mTimeStamp, frame.mMessageNumber);
+}
+
+void CANopenNetworkAnalyzerWorker::handleNMTECMessage(const CAN::CanRxMessage &frame, const CANopen::MessageType &type)
+{
+    CANopenNMTEvent event;
+    event.mTimeStamp = frame.mTimeStamp;
+    event.mMessageNumber = frame.mMessageNumber;
+    const auto node = static_cast<signed char>(getNodeFromNMT_EC(frame.mFrame, type, event));
+    if (node < 0) {
+        ++mRatingCounts[RMT_ProtocolError];
+        return;
+    }
+    if (mNetwork)
+        mNetwork->addNodeState(static_cast<unsigned int>(node), event, frame);
+}
+
+int CANopenNetworkAnalyzerWorker::checkNode(short n)
+{
+    constexpr short nodeLimit = 128;
+    return n < nodeLimit ? n : -1;
+}
+
+int CANopenNetworkAnalyzerWorker::getNodeFromSDO_RES(const CAN::CanMessage &msg)
+{
+    return checkNode(identifierOffset(msg, 0x580));
+}
+
+int CANopenNetworkAnalyzerWorker::getNodeFromEMCY(const CAN::CanMessage &msg)
+{
+    return checkNode(identifierOffset(msg, 0x080));
+}
+
+int CANopenNetworkAnalyzerWorker::getNodeFromNMT_EC(const CAN::CanMessage &msg, CANopen::MessageType type,
+                                                    CANopen::CANopenNMTEvent &event)
+{
+    constexpr int noNode = -1;
+    if (msg.mDataLength != 1) {
+        ++mRatingCounts[RMT_ProtocolError];
+        return noNode;
+    }
+    const int node = checkNode(identifierOffset(msg, 0x700));
+    if (static_cast<signed char>(node) == noNode)
+        return node;
+    if (type == NMT_EC)
+        event.mEventCode = eventCodeOfState(msg.mPayload[0], event.mEventCode);
+    else if (type == NMT_EC_BOOTUP)
+        event.mEventCode = NE_BootUp;
+    return node;
+}
+
+// ---- what the SDO analysis reports -------------------------------------------------------------------------------------
+
+void CANopenNetworkAnalyzerWorker::newSDOValue(uchar node, ushort index, uchar subindex, QVariant value, double reqTime,
+                                               double respTime, uint canMsgNumber, bool wasSDOWrite)
+{
+    if (mNetwork)
+        mNetwork->addNewSubIndexValue(node, index, subindex, value, reqTime, respTime, canMsgNumber, wasSDOWrite);
+}
+
+void CANopenNetworkAnalyzerWorker::slotSDOProtocolErrorOccured(uint msgNumber, CANopen::SdoProtocolErrorType errorType)
+{
+    Q_UNUSED(msgNumber)
+    Q_UNUSED(errorType)
+    ++mRatingCounts[RMT_ProtocolError];
+}
+
+void CANopenNetworkAnalyzerWorker::slotSDOMultipleNodesDetected(uchar node, uchar count, uint canMsgNumber)
+{
+    if (mNetwork)
+        mNetwork->setPresumedNodeCount(static_cast<signed char>(node), count, canMsgNumber);
+}
+
+// ---- what the host reads -----------------------------------------------------------------------------------------------
+
+qint16 CANopenNetworkAnalyzerWorker::calculateRating() const
+{
+    const GuestScope guest(mLock.get());
+    const quint32 frames = mLinePosition;
+    if (frames == 0)
+        return 0;
+
+    // Events per hundred frames; the product wraps at 32 bits.
+    const auto share = [&](RatingMessageTypes type) {
+        return static_cast<double>(mRatingCounts.value(type) * 100U) / static_cast<double>(frames);
+    };
+    const double aborts = share(RMT_SdoAbort);
+    // Each term is cut off by itself. Kept as doubles, since against a small count of frames a term can outgrow an integer.
+    const double points =
+        std::trunc(aborts + aborts) + std::trunc(share(RMT_Unhandled)) + std::trunc(5.0 * share(RMT_ProtocolError));
+    return points >= 100.0 ? qint16(0) : static_cast<qint16>(100 - static_cast<int>(points));
+}
+
+QMap<CANopenNetworkAnalyzerWorker::RatingMessageTypes, unsigned int> CANopenNetworkAnalyzerWorker::ratingCounts() const
+{
+    const GuestScope guest(mLock.get());
+    return mRatingCounts;
+}
+
+QMap<CANopen::MessageType, unsigned int> CANopenNetworkAnalyzerWorker::messageTypeDistribution() const
+{
+    const GuestScope guest(mLock.get());
+    return mNetwork && mMessageTypeDistribution ? *mMessageTypeDistribution : QMap<MessageType, unsigned int>();
+}
+
+QList<unsigned int> CANopenNetworkAnalyzerWorker::protocolErrors() const
+{
+    const GuestScope guest(mLock.get());
+    return mSdoHandler ? mSdoHandler->protocolErrors() : QList<unsigned int>();
+}
+
+QHash<SDO::SDOEntryKey, SDO::SDOEntry> CANopenNetworkAnalyzerWorker::pendingSDOEntryList() const
+{
+    const GuestScope guest(mLock.get());
+    return mSdoHandler ? mSdoHandler->pendingSDOEntryList() : QHash<SDO::SDOEntryKey, SDO::SDOEntry>();
+}
+
+QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> CANopenNetworkAnalyzerWorker::blockTransfers() const
+{
+    const GuestScope guest(mLock.get());
+    return mSdoHandler ? mSdoHandler->blockTransfers() : QMap<unsigned char, SDODef::SDOBlockTransfer>();
+}
+
+const SDOMessageHandler *CANopenNetworkAnalyzerWorker::sdoMessageHandler() const
+{
+    return mSdoHandler;
+}

@@ -1,0 +1,112 @@
+#ifndef CANOPENANALYSIS_SDO_SDOSEGMENTEDTRANSFERANALYZER_H
+#define CANOPENANALYSIS_SDO_SDOSEGMENTEDTRANSFERANALYZER_H
+
+#include "support/canopenanalysis_export.h"
+#include "support/canopenrecords.h"
+
+#include <QByteArray>
+#include <QObject>
+
+class ByteBudget;
+
+/// Follows one segmented SDO transfer (CiA 301, SDO download segment and SDO upload segment) of one node, frame by frame. The
+/// tables of the two directions stand with SDOSegmentedDownloadAnalyzer and SDOSegmentedUploadAnalyzer.
+///
+/// An analyzer only observes; it never times out, and after Finished or Error it is not used again.
+/// Owner: the SDOMessageHandler that created it. Threads: that of its owner.
+class CANOPENANALYSIS_EXPORT SDOSegmentedTransferAnalyzer : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(SDOSegmentedTransferAnalyzer)
+
+public:
+    /// Where the conversation stands: what has to come next.
+    enum TransferState : int {
+        TS_Unitialized = 0,         ///< made without an object; nothing fits
+        TS_WaitForInitResponse = 1, ///< the server's answer to the initiate request
+        TS_WaitForSegRes = 2,       ///< the server's answer to a segment request
+        TS_WaitForSegReq = 3        ///< the client's next segment request
+    };
+    Q_ENUM(TransferState)
+
+    /// The role of a frame in the conversation.
+    enum SegMsgType : int {
+        SMT_InitRequest = 0,  ///< initiate request of the client
+        SMT_InitResponse = 1, ///< initiate response of the server
+        SMT_SegReq = 2,       ///< segment request of the client
+        SMT_SegRes = 3        ///< segment response of the server
+    };
+    Q_ENUM(SegMsgType)
+
+    enum class Result : int {
+        Finished = 0, ///< transferData() is the value of the object
+        Error = 1,    ///< the frame does not fit; it has changed nothing
+        Running = 2   ///< more frames have to come
+    };
+    Q_ENUM(Result)
+
+    /// Why a frame was refused.
+    enum class ErrorType : int {
+        ET_None = 0,           ///< no frame was handled yet
+        ET_ObjectMismatch = 1, ///< the response names another object
+        ET_FaultyState = 2,    ///< initiate response out of turn
+        ET_SizeError = 3,      ///< length and announced size differ, none was announced, or too many bytes collected
+        ET_ToggleBitError = 4, ///< the toggle bit did not alternate
+        ET_Undefined = 5       ///< any other reason; also what a frame leaves that was not refused
+    };
+    Q_ENUM(ErrorType)
+
+    /// An analyzer without an object, in TS_Unitialized.
+    explicit SDOSegmentedTransferAnalyzer(QObject *parent = nullptr);
+    /// \a time: CanTimeStamp::toDouble() of the frame that opened the transfer, in seconds.
+    SDOSegmentedTransferAnalyzer(quint8 node, quint16 index, quint8 subindex, double time, QObject *parent = nullptr);
+    ~SDOSegmentedTransferAnalyzer() override;
+
+    /// Takes the next frame of the conversation. A \a type outside the enumeration gives Error.
+    virtual Result handleNewMessage(SegMsgType type, const CAN::CanRxMessage &msg) = 0;
+
+    /// The payload collected so far, in transfer order. A copy.
+    QByteArray transferData() const { return mTransferData; }
+    quint16 index() const { return mIndex; }
+    quint8 subindex() const { return mSubindex; }
+    /// The time given at construction, in seconds.
+    double initRequestTime() const { return mInitTime; }
+    /// Time in seconds of the frame that finished the transfer; 0 before that.
+    double lastResponseTime() const { return mLastResponseTime; }
+    /// Message number of the frame that finished the transfer; 0 before that.
+    quint32 lastMessageNumber() const { return mLastMsgNumber; }
+    /// Message number of the initiate download request; 0 for an upload.
+    quint32 getInitMsgNumber() const { return mInitMsgNumber; }
+    /// Why the last frame failed. Recorded for downloads only; an upload stays at ET_None.
+    ErrorType lastError() const { return mLastError; }
+
+    /// For the handler: the bound on the bytes that all its transfers collect. \a budget must outlive the analyzer. Without
+    /// one the analyzer's own bytes are bounded alike.
+    void setByteBudget(ByteBudget *budget);
+
+protected:
+    /// Appends the data of a segment (bytes 1 to 7 − n); false, with nothing changed, when too many bytes are collected.
+    bool appendSegment(const CAN::CanMessage &segment);
+    /// Notes the frame that ended the transfer.
+    Result finish(const CAN::CanRxMessage &msg);
+
+    ErrorType mLastError = ErrorType::ET_None;
+    TransferState mState = TS_Unitialized;
+    bool mLastSegmentSeen = false; // the download client's segment with c = 1 was accepted
+    quint32 mAnnouncedSize = 0;    // bytes; 0 when no size was indicated
+    quint8 mNode = 0;
+    quint16 mIndex = 0;
+    quint8 mSubindex = 0;
+    QByteArray mTransferData;
+    double mInitTime = 0.0;
+    double mLastResponseTime = 0.0;
+    quint32 mInitMsgNumber = 0;
+    quint32 mLastMsgNumber = 0;
+    quint8 mRequestToggle = 0;  // expected in the next segment request
+    quint8 mResponseToggle = 0; // expected in the next segment response
+
+private:
+    ByteBudget *mBudget = nullptr; // the handler's
+};
+
+#endif // CANOPENANALYSIS_SDO_SDOSEGMENTEDTRANSFERANALYZER_H
