@@ -9,11 +9,10 @@
 #include <numeric>
 #include <vector>
 
-/// An array that one thread lengthens while others read it without a lock. Elements never move and, but for squeeze(),
-/// are never freed, so an element that could be read once can be read for ever, also when it has been given a new meaning.
+/// An array that one thread lengthens while others read it without a lock. Elements start zeroed, never move and, but for
+/// squeeze(), are never freed: what could be read once can be read for ever, also when it has been given a new meaning.
 ///
-/// The array knows no size: its user publishes one (store-release) after it has written the elements, and reads only
-/// below a size that it has seen (load-acquire). \a Element consists of atomics and is not initialised.
+/// The array knows no size; its user marks the elements in use, or publishes a size. \a Element consists of atomics.
 template<typename Element>
 class AppendOnlyArray
 {
@@ -24,12 +23,15 @@ public:
 
     AppendOnlyArray() = default;
 
-    /// Provides memory for the elements below \a size. Throws std::bad_alloc, the array being unchanged. Writer only.
+    /// Provides the elements below \a size. Throws std::bad_alloc, the array being unchanged. Writer only.
     void reserve(quint64 size)
     {
         while (mChunks.size() * chunkSize < size)
             addChunk();
     }
+
+    /// Whether at(\a index) may be asked for. Any thread.
+    bool contains(quint64 index) const { return index < mReserved.load(std::memory_order_acquire); }
 
     /// Frees the memory of elements from \a size on. Writer only, and nobody may read meanwhile.
     void squeeze(quint64 size)
@@ -38,9 +40,11 @@ public:
         mChunks.shrink_to_fit();
         mDirectories.clear();
         addDirectory(mChunks.size());
+        mReserved.store(mChunks.size() * chunkSize, std::memory_order_release);
     }
 
-    /// The element at \a index. Requires: \a index lies below a size that was published.
+    /// The element at \a index. Any thread. Requires: contains(\a index), as seen by this thread or by one that it
+    /// synchronises with.
     Element &at(quint64 index) const
     {
         return mDirectory.load(std::memory_order_acquire)[index / chunkSize][index % chunkSize];
@@ -59,9 +63,9 @@ private:
     {
         if (mDirectories.empty() || mDirectories.back().size() == mChunks.size())
             addDirectory(std::max<std::size_t>(8, 2 * mChunks.size()));
-        mChunks.push_back(std::unique_ptr<Element[]>(new Element[chunkSize]));
-        // Nobody reads this entry yet: a size that covers it is published later.
-        mDirectories.back()[mChunks.size() - 1] = mChunks.back().get();
+        mChunks.push_back(std::unique_ptr<Element[]>(new Element[chunkSize]()));
+        mDirectories.back()[mChunks.size() - 1] = mChunks.back().get(); // read by nobody before the next line
+        mReserved.store(mChunks.size() * chunkSize, std::memory_order_release);
     }
 
     // Readers may still be using the directories before, so they stay; together they are smaller than the new one.
@@ -74,9 +78,13 @@ private:
         mDirectory.store(mDirectories.back().data(), std::memory_order_release);
     }
 
+    // Read by all; changed once in a chunk.
+    std::atomic<Element **> mDirectory = nullptr; // the last of the directories
+    std::atomic<quint64> mReserved = 0;
+
+    // The writer's.
     std::vector<std::unique_ptr<Element[]>> mChunks;
-    std::vector<std::vector<Element *>> mDirectories; // where each chunk is; the last one counts
-    std::atomic<Element **> mDirectory = nullptr; // the last one, for the readers
+    std::vector<std::vector<Element *>> mDirectories; // where each chunk is
 };
 
 #endif // CANOPENANALYSIS_INMEMORY_APPENDONLYARRAY_P_H

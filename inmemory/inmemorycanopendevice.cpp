@@ -1,7 +1,6 @@
 #include "inmemory/inmemorycanopendevice.h"
 
-InMemoryCANopenDevice::InMemoryCANopenDevice(quint8 nodeId, QObject *parent)
-    : CANopenDevice(parent), mNodeId(nodeId) { }
+InMemoryCANopenDevice::InMemoryCANopenDevice(quint8 nodeId, QObject *parent) : CANopenDevice(parent), mNodeId(nodeId) {}
 
 InMemoryCANopenDevice::~InMemoryCANopenDevice() = default;
 

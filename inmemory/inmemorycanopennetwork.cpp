@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr unsigned int nodeIds = 128; // 0 to 127
+constexpr unsigned int nodeIds = 128;         // 0 to 127
 constexpr std::size_t pdoIdentifiers = 0x800; // 11 bits
 
 // A counter that one thread at a time raises and any thread reads: cheaper than an atomic addition.
@@ -40,7 +40,7 @@ InMemory::Emergency emergencyFrom(const CAN::CanRxMessage &msg)
 
 struct InMemoryCANopenNetwork::Private
 {
-    explicit Private(int networkId) : id(networkId) { }
+    explicit Private(int networkId) : id(networkId) {}
 
     bool isKnown(unsigned int nodeId) const { return known.test(nodeId); }
     bool makeKnown(unsigned int nodeId);

@@ -87,7 +87,7 @@ Q_SIGNALS:
     void presumedNodeCountChanged(quint8 node, quint8 count);
 
 private:
-    struct Private;
+    struct Q_DECL_HIDDEN Private;
     const std::unique_ptr<Private> d;
 };
 

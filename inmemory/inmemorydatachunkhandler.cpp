@@ -22,14 +22,16 @@ struct Record
     std::atomic<quint64> payload;
 };
 
-// One line: where its frames are in the recording.
-struct alignas(cacheLine) Line
+// One line. Words of two halves name in the upper half what they belong to: where that is another recording than the
+// present one, the word counts as 0. So a clear has nothing to set back.
+struct Line
 {
-    AppendOnlyArray<std::atomic<quint32>> places;
-    std::atomic<quint32> count = 0;
-    std::atomic<quint64> readPosition
-        = 0; // of nextMessageForLine(): generation in the upper half, position in the lower
-    std::atomic<quint64> announcedEnd = 0; // the latest: generation in the upper half, count + 1 in the lower
+    // Read for each fetch: where the line's frames are in the recording (recording, place).
+    alignas(cacheLine) AppendOnlyArray<std::atomic<quint64>> places;
+    // Written for each frame, so kept apart from the line above (recording, count).
+    alignas(cacheLine) std::atomic<quint64> count = 0;
+    std::atomic<quint64> readPosition = 0; // of nextMessageForLine() (start, position)
+    std::atomic<quint64> announcedEnd = 0; // the latest (start, count + 1)
 };
 
 struct HeldBackFrame
@@ -49,6 +51,14 @@ struct PendingClear
 constexpr quint64 twoHalves(quint32 upper, quint32 lower)
 {
     return (quint64(upper) << 32) | lower;
+}
+constexpr quint32 upperHalf(quint64 word)
+{
+    return quint32(word >> 32);
+}
+constexpr quint32 lowerHalf(quint64 word)
+{
+    return quint32(word);
 }
 
 quint64 headOf(const CAN::CanMessage &frame, unsigned char line)
@@ -82,20 +92,28 @@ quint64 wordFrom(const quint8 *bytes, int count)
 
 // How readers get by without a lock
 //
-// The writer (whoever holds the mutex) writes the words of a frame, then publishes it by raising the counts. A clear sets
-// the counts to 0, then raises the generation; the frames appended next reuse the memory, which is never freed. A reader
-//   1. reads the generation, 2. reads a count and stays below it, 3. reads the words, 4. reads the generation again.
+// Recordings are numbered; a clear raises the number and touches nothing else. The frames appended next reuse the memory,
+// which is never freed. The writer (whoever holds the mutex) writes the words of a frame, then its place in its line
+// together with the number of the recording. A reader
+//   1. reads the number of the recording, 2. reads a place and stops if it is none of that recording, 3. reads the words of
+//   the frame, 4. reads the number again.
 // All words are atomics, written with release and read with acquire: a reader that met a single word of a later recording
-// in step 3 therefore sees in step 4 that the generation was raised before, and starts over. (Fences would do as well, but
-// the thread sanitizer does not know them; on x86 neither costs an instruction.)
+// in step 3 therefore sees in step 4 that the number was raised before, and starts over. (Fences would do as well, but the
+// thread sanitizer does not know them; on x86 neither costs an instruction.)
+//
+// What a reader reads changes seldom, but for the frames themselves: a count that is read for each fetch and written for
+// each frame would have the two processors wait for each other all the time.
 struct InMemoryDatachunkHandler::Private
 {
     enum class Fetch { Done, NoSuchFrame, Overtaken };
 
-    explicit Private(quint32 first) : firstNumber(first) { }
+    explicit Private(quint32 first) : firstNumber(first) {}
 
-    static bool isClearing(quint32 since) { return since & 1; }
-    bool isOvertaken(quint32 since) const { return generation.load(std::memory_order_acquire) != since; }
+    quint32 recording() const { return lowerHalf(epoch.load(std::memory_order_acquire)); }
+    // Changes whenever reading starts over at position 0.
+    static quint32 startOf(quint64 epoch) { return upperHalf(epoch) + lowerHalf(epoch); }
+    static quint32 countIn(quint32 recording, const std::atomic<quint64> &counter);
+
     bool readFrame(quint32 place, quint32 since, CAN::CanRxMessage &msg) const;
     bool readLongPayload(quint64 firstWord, quint32 since, CAN::CanMessage &frame) const;
     Fetch fetchOfLine(const Line &line, quint32 position, quint32 since, CAN::CanRxMessage &msg) const;
@@ -112,10 +130,9 @@ struct InMemoryDatachunkHandler::Private
     AppendOnlyArray<Record> records;
     AppendOnlyArray<std::atomic<quint64>> longPayloads;
     std::array<Line, InMemoryDatachunkHandler::lastLine + 1> lines;
-    // Raised by 2 whenever reading starts over at position 0: by each clear, and when the read positions are set back.
-    // Odd while a clear sets the counts back one by one: a line without frames is no end of the recording then.
-    alignas(cacheLine) std::atomic<quint32> generation = 0;
-    alignas(cacheLine) std::atomic<quint32> count = 0;
+    // Lower half: number of the recording, raised by each clear. Upper half: how often the read positions were set back.
+    alignas(cacheLine) std::atomic<quint64> epoch = 1;
+    alignas(cacheLine) std::atomic<quint64> count = 0; // (recording, count)
 
     // Makes the writer; guards what follows. Never held while a signal is emitted.
     alignas(cacheLine) mutable std::mutex writing;
@@ -123,18 +140,24 @@ struct InMemoryDatachunkHandler::Private
     std::deque<PendingClear> pendingClears; // the first one is being carried out
 };
 
-// Fills msg with the frame at a place of the recording; false when the recording was cleared since the given generation.
+quint32 InMemoryDatachunkHandler::Private::countIn(quint32 recording, const std::atomic<quint64> &counter)
+{
+    const quint64 word = counter.load(std::memory_order_acquire);
+    return upperHalf(word) == recording ? lowerHalf(word) : 0;
+}
+
+// Fills msg with the frame at a place of the recording; false when the recording is no longer the given one.
 bool InMemoryDatachunkHandler::Private::readFrame(quint32 place, quint32 since, CAN::CanRxMessage &msg) const
 {
     const Record &record = records.at(place);
     const quint64 time = record.time.load(std::memory_order_acquire);
     const quint64 head = record.head.load(std::memory_order_acquire);
     const quint64 payload = record.payload.load(std::memory_order_acquire);
-    if (isOvertaken(since))
+    if (recording() != since)
         return false;
     msg.mTimeStamp = CanTimeStamp::fromNSecs(qint64(time));
     msg.mMessageNumber = firstNumber + place;
-    msg.mFrame.mIdentifier = quint32(head);
+    msg.mFrame.mIdentifier = lowerHalf(head);
     msg.mFrame.mDataLength = quint8(head >> 32);
     msg.mFrame.mFlags = quint8(head >> 40);
     std::memset(msg.mFrame.mPayload + wordSize, 0, sizeof(msg.mFrame.mPayload) - wordSize);
@@ -151,29 +174,31 @@ bool InMemoryDatachunkHandler::Private::readLongPayload(quint64 firstWord, quint
         const quint64 word = longPayloads.at(firstWord).load(std::memory_order_acquire);
         std::memcpy(frame.mPayload + done, &word, wordSize);
     }
-    return !isOvertaken(since);
+    return recording() == since;
 }
 
 InMemoryDatachunkHandler::Private::Fetch InMemoryDatachunkHandler::Private::fetchOfLine(const Line &line,
                                                                                         quint32 position, quint32 since,
                                                                                         CAN::CanRxMessage &msg) const
 {
-    if (position >= line.count.load(std::memory_order_acquire))
+    if (!line.places.contains(position))
         return Fetch::NoSuchFrame;
-    const quint32 place = line.places.at(position).load(std::memory_order_acquire);
-    return readFrame(place, since, msg) ? Fetch::Done : Fetch::Overtaken;
+    const quint64 place = line.places.at(position).load(std::memory_order_acquire);
+    if (upperHalf(place) != since)
+        return Fetch::NoSuchFrame;
+    return readFrame(lowerHalf(place), since, msg) ? Fetch::Done : Fetch::Overtaken;
 }
 
 // False when the recording was cleared meanwhile; the list then holds frames that are gone.
 bool InMemoryDatachunkHandler::Private::copyRestOfLine(const Line &line, quint32 position,
                                                        QList<CAN::CanRxMessage> &frames) const
 {
-    const quint32 since = generation.load(std::memory_order_acquire);
+    const quint32 since = recording();
     CAN::CanRxMessage msg;
     for (;; ++position) {
         const Fetch result = fetchOfLine(line, position, since, msg);
         if (result != Fetch::Done)
-            return result == Fetch::NoSuchFrame && !isOvertaken(since);
+            return result == Fetch::NoSuchFrame && recording() == since;
         frames.append(msg);
     }
 }
@@ -182,10 +207,10 @@ bool InMemoryDatachunkHandler::Private::copyRestOfLine(const Line &line, quint32
 // now on. What is kept is only ever raised: of two threads that met two ends, the slower one must not bring back the earlier.
 bool InMemoryDatachunkHandler::Private::isNewEnd(Line &line, quint32 position)
 {
-    const quint32 since = generation.load(std::memory_order_acquire);
-    if (line.count.load(std::memory_order_acquire) != position || isClearing(since) || isOvertaken(since))
+    const quint64 since = epoch.load(std::memory_order_acquire);
+    if (countIn(lowerHalf(since), line.count) != position || recording() != lowerHalf(since))
         return false;
-    const quint64 end = twoHalves(since, position + 1);
+    const quint64 end = twoHalves(startOf(since), position + 1);
     quint64 announced = line.announcedEnd.load(std::memory_order_relaxed);
     while (announced < end) {
         if (line.announcedEnd.compare_exchange_weak(announced, end, std::memory_order_relaxed))
@@ -198,19 +223,20 @@ quint32 InMemoryDatachunkHandler::Private::write(unsigned char lineNumber, const
                                                  CanTimeStamp time)
 {
     Line &line = lines[lineNumber];
-    const quint32 place = count.load(std::memory_order_relaxed);
-    const quint32 placeInLine = line.count.load(std::memory_order_relaxed);
+    const quint32 current = recording();
+    const quint32 place = countIn(current, count);
+    const quint32 position = countIn(current, line.count);
     records.reserve(place + 1);
-    line.places.reserve(placeInLine + 1);
+    line.places.reserve(position + 1);
     longPayloads.reserve(longPayloadWords + quint64(longPayloadWordsOf(frame)));
 
     Record &record = records.at(place);
     record.time.store(quint64(time.toNSecs()), std::memory_order_release);
     record.head.store(headOf(frame, lineNumber), std::memory_order_release);
     record.payload.store(writePayload(frame), std::memory_order_release);
-    line.places.at(placeInLine).store(place, std::memory_order_release);
-    count.store(place + 1, std::memory_order_release);
-    line.count.store(placeInLine + 1, std::memory_order_release);
+    count.store(twoHalves(current, place + 1), std::memory_order_release);
+    line.places.at(position).store(twoHalves(current, place), std::memory_order_release);
+    line.count.store(twoHalves(current, position + 1), std::memory_order_release);
     return firstNumber + place;
 }
 
@@ -230,12 +256,8 @@ quint64 InMemoryDatachunkHandler::Private::writePayload(const CAN::CanMessage &f
 
 void InMemoryDatachunkHandler::Private::discardFrames()
 {
-    generation.fetch_add(1, std::memory_order_acq_rel);
-    for (Line &line : lines)
-        line.count.store(0, std::memory_order_release);
-    count.store(0, std::memory_order_release);
     longPayloadWords = 0;
-    generation.fetch_add(1, std::memory_order_acq_rel);
+    epoch.fetch_add(twoHalves(0, 1), std::memory_order_acq_rel);
 }
 
 InMemoryDatachunkHandler::InMemoryDatachunkHandler(quint32 firstMessageNumber, QObject *parent)
@@ -286,23 +308,23 @@ bool InMemoryDatachunkHandler::clear(bool isLive)
 void InMemoryDatachunkHandler::squeeze()
 {
     const std::lock_guard<std::mutex> lock(d->writing);
-    d->records.squeeze(d->count);
+    d->records.squeeze(Private::countIn(d->recording(), d->count));
     d->longPayloads.squeeze(d->longPayloadWords);
     for (Line &line : d->lines)
-        line.places.squeeze(line.count);
+        line.places.squeeze(Private::countIn(d->recording(), line.count));
 }
 
 int InMemoryDatachunkHandler::getMessageCount()
 {
-    return int(d->count.load(std::memory_order_acquire));
+    return int(Private::countIn(d->recording(), d->count));
 }
 
 CAN::CanRxMessage InMemoryDatachunkHandler::messageAt(int index) const
 {
     CAN::CanRxMessage msg;
     for (;;) {
-        const quint32 since = d->generation.load(std::memory_order_acquire);
-        if (index < 0 || quint32(index) >= d->count.load(std::memory_order_acquire))
+        const quint32 since = d->recording();
+        if (index < 0 || quint32(index) >= Private::countIn(since, d->count))
             return CAN::CanRxMessage();
         if (d->readFrame(quint32(index), since, msg))
             return msg;
@@ -311,7 +333,7 @@ CAN::CanRxMessage InMemoryDatachunkHandler::messageAt(int index) const
 
 void InMemoryDatachunkHandler::resetLinePositions()
 {
-    d->generation.fetch_add(2, std::memory_order_acq_rel);
+    d->epoch.fetch_add(twoHalves(1, 0), std::memory_order_acq_rel);
 }
 
 bool InMemoryDatachunkHandler::nextMessageForLine(CAN::CanRxMessage &msg, unsigned char line)
@@ -320,15 +342,16 @@ bool InMemoryDatachunkHandler::nextMessageForLine(CAN::CanRxMessage &msg, unsign
         return false;
     std::atomic<quint64> &readPosition = d->lines[line].readPosition;
     for (;;) {
-        const quint32 since = d->generation.load(std::memory_order_acquire);
+        const quint64 epoch = d->epoch.load(std::memory_order_acquire);
+        const quint32 start = Private::startOf(epoch);
         quint64 seen = readPosition.load(std::memory_order_acquire);
-        const quint32 position = quint32(seen >> 32) == since ? quint32(seen) : 0;
-        const Private::Fetch result = d->fetchOfLine(d->lines[line], position, since, msg);
+        const quint32 position = upperHalf(seen) == start ? lowerHalf(seen) : 0;
+        const Private::Fetch result = d->fetchOfLine(d->lines[line], position, lowerHalf(epoch), msg);
         if (result == Private::Fetch::NoSuchFrame)
             return false;
         // Another user of the position may have taken the frame meanwhile.
         if (result == Private::Fetch::Done
-            && readPosition.compare_exchange_strong(seen, twoHalves(since, position + 1), std::memory_order_acq_rel))
+            && readPosition.compare_exchange_strong(seen, twoHalves(start, position + 1), std::memory_order_acq_rel))
             return true;
     }
 }
@@ -339,7 +362,7 @@ bool InMemoryDatachunkHandler::getMessageOfLine(CAN::CanRxMessage &msg, unsigned
         return false;
     Private::Fetch result = Private::Fetch::Overtaken;
     while (result == Private::Fetch::Overtaken)
-        result = d->fetchOfLine(d->lines[line], position, d->generation.load(std::memory_order_acquire), msg);
+        result = d->fetchOfLine(d->lines[line], position, d->recording(), msg);
     if (result == Private::Fetch::NoSuchFrame && d->isNewEnd(d->lines[line], position))
         Q_EMIT endOfLineReached(line);
     return result == Private::Fetch::Done;
@@ -355,16 +378,16 @@ QList<CAN::CanRxMessage> InMemoryDatachunkHandler::getMessagesOfLine(unsigned ch
 
 int InMemoryDatachunkHandler::lineAt(int index) const
 {
-    const quint32 since = d->generation.load(std::memory_order_acquire);
-    if (index < 0 || quint32(index) >= d->count.load(std::memory_order_acquire))
+    const quint32 since = d->recording();
+    if (index < 0 || quint32(index) >= Private::countIn(since, d->count))
         return -1;
     const quint64 head = d->records.at(quint32(index)).head.load(std::memory_order_acquire);
-    return d->isOvertaken(since) ? -1 : int(quint8(head >> 48));
+    return d->recording() == since ? int(quint8(head >> 48)) : -1;
 }
 
 int InMemoryDatachunkHandler::messageCountOfLine(unsigned char line) const
 {
-    return line > lastLine ? 0 : int(d->lines[line].count.load(std::memory_order_acquire));
+    return line > lastLine ? 0 : int(Private::countIn(d->recording(), d->lines[line].count));
 }
 
 QList<unsigned char> InMemoryDatachunkHandler::linesInUse() const

@@ -14,12 +14,16 @@
 /// Threads: every operation may be called from any thread at any time. Appends and clears are serialised among themselves.
 /// Fetches take no lock, wait for nobody and make nobody wait, whatever the other threads do.
 ///
+/// Why without a lock: measured on two processors, walking 5 million frames while another thread appends as fast as it can, a
+/// fetch takes 10 ns and an append 33 ns, as they do each on their own; behind one std::mutex the same fetch takes 160 ns and
+/// more (18 ns without the writer), and a reader that is fast enough can keep the writer out.
+///
 /// Numbers: the frames of all lines are numbered together, in recording order, from the first message number on; after a
 /// clear the numbers start there again, so a number names a frame within one recording. Beyond 0xFFFFFFFF they go on at 0.
 ///
 /// Memory: a frame with up to 8 payload bytes takes bytesPerClassicFrame bytes, a longer one its payload in addition,
 /// rounded up to 8 bytes. It is reserved in pieces of 4096 frames, for the recording and again for each line in use
-/// (112 KiB for the first frame of the first line, 16 KiB for that of each further one). A clear keeps what is reserved for
+/// (128 KiB for the first frame of the first line, 32 KiB for that of each further one). A clear keeps what is reserved for
 /// the next recording; squeeze() gives it back.
 class CANOPENANALYSISINMEMORY_EXPORT InMemoryDatachunkHandler : public DatachunkHandler
 {
@@ -29,8 +33,8 @@ class CANOPENANALYSISINMEMORY_EXPORT InMemoryDatachunkHandler : public Datachunk
 public:
     /// Largest line number; 255 means every line elsewhere, and is refused here.
     static constexpr unsigned char lastLine = 254;
-    /// Memory of a frame with up to 8 payload bytes: 24 for the frame, 4 for its place in its line.
-    static constexpr int bytesPerClassicFrame = 28;
+    /// Memory of a frame with up to 8 payload bytes: 24 for the frame, 8 for its place in its line.
+    static constexpr int bytesPerClassicFrame = 32;
 
     /// \a firstMessageNumber: number of the first frame of each recording.
     explicit InMemoryDatachunkHandler(quint32 firstMessageNumber = 1, QObject *parent = nullptr);
@@ -90,7 +94,7 @@ Q_SIGNALS:
     void endOfLineReached(unsigned char line);
 
 private:
-    struct Private;
+    struct Q_DECL_HIDDEN Private;
     const std::unique_ptr<Private> d;
 };
 
