@@ -1,0 +1,207 @@
+#include "lineanalysis.h"
+
+#include "framescan.h"
+#include "inmemory/inmemorycanopennetwork.h"
+#include "linewatcher.h"
+#include "network/canopennetworkanalyzer.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+FrameRef refOf(const CAN::CanRxMessage &msg)
+{
+    return {msg.mMessageNumber, msg.mTimeStamp};
+}
+
+CAN::CanRxMessage frameOfNumber(const InMemoryDatachunkHandler &store, quint32 number)
+{
+    return store.messageAt(int(number - store.firstMessageNumber()));
+}
+
+template<typename Finding>
+void sortByFrame(std::vector<Finding> &findings)
+{
+    std::stable_sort(findings.begin(), findings.end(),
+                     [](const Finding &a, const Finding &b) { return a.frame.number < b.frame.number; });
+}
+
+// Runs the analysis of one line and collects its results.
+class LineAnalysis
+{
+public:
+    LineAnalysis(Recording &recording, quint8 line, Progress &progress);
+
+    LineFindings run();
+
+private:
+    void waitForEnd(LineWatcher &watcher, const CANopenNetworkAnalyzer &analyzer);
+    void takeRating(const CANopenNetworkAnalyzer &analyzer);
+    void takeNodes(const InMemoryCANopenNetwork &network, const LineWatcher &watcher);
+    void takeAccesses(const InMemoryCANopenNetwork &network);
+    void takeFaults(const QList<unsigned int> &listed, const LineWatcher &watcher);
+    void takeOpenRequests(const QHash<SDO::SDOEntryKey, SDO::SDOEntry> &pending);
+    void takeBlockTransfers(const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &transfers);
+    bool endedLater(const SDO::SDOEntry &request) const;
+
+    InMemoryDatachunkHandler &mStore;
+    Progress &mProgress;
+    LineFindings mFindings;
+    QHash<SDO::SDOEntryKey, quint32> mLastResponse; // of each object that was read or written
+};
+
+LineAnalysis::LineAnalysis(Recording &recording, quint8 line, Progress &progress)
+    : mStore(recording.store()), mProgress(progress)
+{
+    mFindings.interface = recording.interfaces()[line];
+    mFindings.line = line;
+    mFindings.frames = quint32(mStore.messageCountOfLine(line));
+}
+
+LineFindings LineAnalysis::run()
+{
+    {
+        InMemoryCANopenNetwork network(mFindings.line);
+        LineWatcher watcher;
+        CANopenNetworkAnalyzer analyzer(&network, &mStore);
+        watcher.watch(analyzer, mStore, mFindings.line);
+        analyzer.setAnalyzing(true);
+        waitForEnd(watcher, analyzer);
+
+        takeRating(analyzer);
+        takeNodes(network, watcher);
+        takeAccesses(network);
+        takeFaults(analyzer.protocolErrors(), watcher);
+        takeOpenRequests(analyzer.pendingSDOEntryList());
+        takeBlockTransfers(analyzer.blockTransfers());
+    } // the store is nobody else's from here on
+    scanFrames(mStore, mFindings);
+    sortByFrame(mFindings.faults);
+    return std::move(mFindings);
+}
+
+void LineAnalysis::waitForEnd(LineWatcher &watcher, const CANopenNetworkAnalyzer &analyzer)
+{
+    constexpr int progressMs = 100;
+    const std::string what = "Analysing " + mFindings.interface;
+    while (!watcher.waitForEnd(progressMs)) {
+        const auto classes = analyzer.messageTypeDistribution();
+        qint64 done = 0;
+        for (const unsigned int count : classes)
+            done += count;
+        mProgress.show(what, done, mFindings.frames);
+    }
+    mProgress.clear();
+}
+
+void LineAnalysis::takeRating(const CANopenNetworkAnalyzer &analyzer)
+{
+    using Worker = CANopenNetworkAnalyzerWorker;
+    const auto counts = analyzer.ratingCounts();
+    mFindings.rating = analyzer.calculateRating();
+    mFindings.sdoAborts = counts.value(Worker::RMT_SdoAbort);
+    mFindings.protocolErrors = counts.value(Worker::RMT_ProtocolError);
+    mFindings.unhandledFrames = counts.value(Worker::RMT_Unhandled);
+    mFindings.classes = analyzer.messageTypeDistribution();
+}
+
+void LineAnalysis::takeNodes(const InMemoryCANopenNetwork &network, const LineWatcher &watcher)
+{
+    mFindings.nmtCommands = network.nmtCommands();
+    mFindings.nodes = network.nodes();
+    // The model knows the present number, which falls back to one with every new answer; here the largest one counts.
+    for (InMemory::Node &node : mFindings.nodes) {
+        node.presumedDevices = std::max(node.presumedDevices, watcher.mostDevices(node.nodeId));
+        for (const InMemory::Emergency &emergency : std::as_const(node.emergencies))
+            mFindings.emergencies.push_back({node.nodeId, emergency});
+    }
+    std::sort(mFindings.emergencies.begin(), mFindings.emergencies.end(), [](const auto &a, const auto &b) {
+        return a.emergency.seen.messageNumber < b.emergency.seen.messageNumber;
+    });
+}
+
+void LineAnalysis::takeAccesses(const InMemoryCANopenNetwork &network)
+{
+    const InMemory::ObjectValues objects = network.objectValues();
+    for (auto object = objects.cbegin(); object != objects.cend(); ++object) {
+        const SDO::SDOEntryKey &key = object.key();
+        ++mFindings.objectsOfNode[key.node];
+        for (const SDO::SDOEntryValue &value : object.value()) {
+            SdoAccess access;
+            access.object = {key.node, key.index, key.subindex};
+            access.response.number = value.canMsgNumber;
+            access.wasWrite = value.wasSDOWrite;
+            if (value.value.userType() == QMetaType::QByteArray) {
+                access.bytes = value.value.toByteArray();
+            } else {
+                access.expeditedBytes = sizeof(access.number); // the frame tells how many there were
+                access.number = quint32(value.value.toLongLong());
+            }
+            mFindings.accesses.push_back(std::move(access));
+            mLastResponse[key] = std::max(mLastResponse.value(key), value.canMsgNumber);
+        }
+    }
+    std::sort(mFindings.accesses.begin(), mFindings.accesses.end(),
+              [](const SdoAccess &a, const SdoAccess &b) { return a.response.number < b.response.number; });
+}
+
+void LineAnalysis::takeFaults(const QList<unsigned int> &listed, const LineWatcher &watcher)
+{
+    const auto add = [this](quint32 number, ProtocolFault::Kind kind) {
+        const CAN::CanRxMessage msg = frameOfNumber(mStore, number);
+        mFindings.faults.push_back({refOf(msg), msg.mFrame, kind});
+    };
+    std::vector<quint32> signalled;
+    for (const LineWatcher::Error &error : watcher.errors()) {
+        add(error.messageNumber, ProtocolFault::Kind(error.type));
+        signalled.push_back(error.messageNumber);
+    }
+    // What is listed without having been signalled are acknowledgements of blocks. Frames are handled in order, so both
+    // ascend.
+    std::vector<quint32> acknowledgements;
+    std::set_difference(listed.cbegin(), listed.cend(), signalled.cbegin(), signalled.cend(),
+                        std::back_inserter(acknowledgements));
+    for (const quint32 number : acknowledgements)
+        add(number, ProtocolFault::SegmentsLost); // unless the frames around it say otherwise
+    sortByFrame(mFindings.faults);
+}
+
+// The request that opened a segmented upload stays pending after the upload's end.
+bool LineAnalysis::endedLater(const SDO::SDOEntry &request) const
+{
+    const auto last = mLastResponse.constFind(request);
+    return last != mLastResponse.cend() && *last > request.requestMsgNumber;
+}
+
+void LineAnalysis::takeOpenRequests(const QHash<SDO::SDOEntryKey, SDO::SDOEntry> &pending)
+{
+    constexpr quint8 specifierMask = 0xE0;
+    constexpr quint8 initiateDownload = 0x20;
+    for (const SDO::SDOEntry &entry : pending) {
+        if (endedLater(entry))
+            continue;
+        const CAN::CanRxMessage msg = frameOfNumber(mStore, entry.requestMsgNumber);
+        OpenRequest request;
+        request.frame = refOf(msg);
+        request.object = {entry.node, entry.index, entry.subindex};
+        request.isWrite = (msg.mFrame.mPayload[0] & specifierMask) == initiateDownload;
+        mFindings.openRequests.push_back(request);
+    }
+    sortByFrame(mFindings.openRequests);
+}
+
+void LineAnalysis::takeBlockTransfers(const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &transfers)
+{
+    for (auto transfer = transfers.cbegin(); transfer != transfers.cend(); ++transfer) {
+        if (transfer->mState != 0)
+            mFindings.blockTransfers.insert(transfer.key(), *transfer);
+    }
+}
+
+} // namespace
+
+LineFindings analyseLine(Recording &recording, quint8 line, Progress &progress)
+{
+    return LineAnalysis(recording, line, progress).run();
+}

@@ -1,0 +1,27 @@
+#ifndef CANOPENANALYZE_OPTIONS_H
+#define CANOPENANALYZE_OPTIONS_H
+
+#include <QString>
+#include <QStringList>
+
+/// What the user asked for.
+struct Options
+{
+    QString fileName;
+    /// Names of the interfaces to analyse; empty: every one.
+    QStringList lines;
+    bool all = false;
+    bool json = false;
+    /// Asked for instead of an analysis.
+    bool help = false;
+    bool version = false;
+
+    /// Reads the command line \a arguments (without the program's name). When it makes no sense, \a problem is set to one
+    /// sentence that says why, otherwise it stays empty.
+    static Options parse(const QStringList &arguments, QString &problem);
+
+    /// What --help prints.
+    static const char *helpText();
+};
+
+#endif // CANOPENANALYZE_OPTIONS_H
