@@ -112,7 +112,7 @@ struct LineFindings
     quint32 unhandledFrames = 0;
 
     QMap<CANopen::MessageType, unsigned int> classes;
-    /// Ascending by node-ID; the number of devices is the largest that was noticed.
+    /// Ascending by node-ID; the number of devices is the largest that answered at a time.
     QVector<InMemory::Node> nodes;
     /// Number of objects that were read or written, by node-ID.
     QMap<quint8, int> objectsOfNode;
@@ -123,7 +123,7 @@ struct LineFindings
     std::vector<SdoAbort> aborts;
     std::vector<ProtocolFault> faults;
     std::vector<OpenRequest> openRequests;
-    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers; // of the nodes that had one, the last one
+    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers; // of the nodes that had one
 };
 
 #endif // CANOPENANALYZE_FINDINGS_H

@@ -199,9 +199,8 @@ void JsonReport::blockTransfers(const LineFindings &findings)
         text("access", transfer->mDirection ? "write" : "read");
         number("state", transfer->mState);
         text("stateText", Words::blockState(transfer->mState));
-        number("announcedSize", transfer->mSize);
-        number("size", transfer->mData.size());
-        mJson.key("bytes").value(QString::fromStdString(Format::bytes(transfer->mData, "")));
+        number("collectedSize", transfer->mData.size());
+        mJson.key("collected").value(QString::fromStdString(Format::bytes(transfer->mData, "")));
         mJson.endObject();
     }
     mJson.endList();

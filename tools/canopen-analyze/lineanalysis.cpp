@@ -10,6 +10,9 @@
 
 namespace {
 
+// The command specifier of an SDO frame: the upper three bits of byte 0.
+constexpr quint8 specifierMask = 0xE0;
+
 FrameRef refOf(const CAN::CanRxMessage &msg)
 {
     return {msg.mMessageNumber, msg.mTimeStamp};
@@ -39,6 +42,7 @@ private:
     void waitForEnd(LineWatcher &watcher, const CANopenNetworkAnalyzer &analyzer);
     void takeRating(const CANopenNetworkAnalyzer &analyzer);
     void takeNodes(const InMemoryCANopenNetwork &network, const LineWatcher &watcher);
+    QMap<quint8, quint8> mostDevices(const LineWatcher &watcher) const;
     void takeAccesses(const InMemoryCANopenNetwork &network);
     void takeFaults(const QList<unsigned int> &listed, const LineWatcher &watcher);
     void takeOpenRequests(const QHash<SDO::SDOEntryKey, SDO::SDOEntry> &pending);
@@ -110,15 +114,32 @@ void LineAnalysis::takeNodes(const InMemoryCANopenNetwork &network, const LineWa
 {
     mFindings.nmtCommands = network.nmtCommands();
     mFindings.nodes = network.nodes();
-    // The model knows the present number, which falls back to one with every new answer; here the largest one counts.
+    const QMap<quint8, quint8> devices = mostDevices(watcher);
     for (InMemory::Node &node : mFindings.nodes) {
-        node.presumedDevices = std::max(node.presumedDevices, watcher.mostDevices(node.nodeId));
+        node.presumedDevices = devices.value(node.nodeId, 1);
         for (const InMemory::Emergency &emergency : std::as_const(node.emergencies))
             mFindings.emergencies.push_back({node.nodeId, emergency});
     }
     std::sort(mFindings.emergencies.begin(), mFindings.emergencies.end(), [](const auto &a, const auto &b) {
         return a.emergency.seen.messageNumber < b.emergency.seen.messageNumber;
     });
+}
+
+// How many devices answered under each node-ID. The model knows the latest number only, which falls back to one with the next
+// request. Told after a repeated answer to a read, a number is exact; answers to writes are added to what was before, so from
+// them follows only that there is more than one device.
+QMap<quint8, quint8> LineAnalysis::mostDevices(const LineWatcher &watcher) const
+{
+    constexpr quint8 readAnswer = 0x40;
+    QMap<quint8, quint8> most;
+    for (const LineWatcher::DeviceCount &told : watcher.deviceCounts()) {
+        if (told.count < 2)
+            continue;
+        const CAN::CanRxMessage answer = frameOfNumber(mStore, told.repeatedAnswer);
+        const bool isExact = (answer.mFrame.mPayload[0] & specifierMask) == readAnswer;
+        most[told.node] = std::max(most.value(told.node), isExact ? told.count : quint8(2));
+    }
+    return most;
 }
 
 void LineAnalysis::takeAccesses(const InMemoryCANopenNetwork &network)
@@ -176,7 +197,6 @@ bool LineAnalysis::endedLater(const SDO::SDOEntry &request) const
 
 void LineAnalysis::takeOpenRequests(const QHash<SDO::SDOEntryKey, SDO::SDOEntry> &pending)
 {
-    constexpr quint8 specifierMask = 0xE0;
     constexpr quint8 initiateDownload = 0x20;
     for (const SDO::SDOEntry &entry : pending) {
         if (endedLater(entry))

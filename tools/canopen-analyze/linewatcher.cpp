@@ -2,7 +2,6 @@
 
 #include "sdo/sdomessagehandler.h"
 
-#include <algorithm>
 #include <chrono>
 
 LineWatcher::~LineWatcher() = default;
@@ -29,10 +28,10 @@ std::vector<LineWatcher::Error> LineWatcher::errors() const
     return mErrors;
 }
 
-quint8 LineWatcher::mostDevices(quint8 node) const
+std::vector<LineWatcher::DeviceCount> LineWatcher::deviceCounts() const
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mMostDevices[node];
+    return mDeviceCounts;
 }
 
 void LineWatcher::onEndOfLine(unsigned char line)
@@ -52,8 +51,8 @@ void LineWatcher::onProtocolError(unsigned int messageNumber, CANopen::SdoProtoc
     mErrors.push_back({messageNumber, type});
 }
 
-void LineWatcher::onDeviceCount(unsigned char node, unsigned char count, unsigned int)
+void LineWatcher::onDeviceCount(unsigned char node, unsigned char count, unsigned int messageNumber)
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mMostDevices[node] = std::max(mMostDevices[node], count);
+    mDeviceCounts.push_back({node, count, messageNumber});
 }

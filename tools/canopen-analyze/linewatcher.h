@@ -7,7 +7,6 @@
 #include <QObject>
 #include <QPointer>
 
-#include <array>
 #include <condition_variable>
 #include <mutex>
 #include <vector>
@@ -28,6 +27,13 @@ public:
         CANopen::SdoProtocolErrorType type = CANopen::PE_UnexpectedResponse;
     };
 
+    struct DeviceCount
+    {
+        quint8 node = 0;
+        quint8 count = 0;
+        unsigned int repeatedAnswer = 0; // its message number
+    };
+
     LineWatcher() = default;
     ~LineWatcher() override;
 
@@ -38,8 +44,8 @@ public:
     bool waitForEnd(int timeoutMs);
 
     std::vector<Error> errors() const;
-    /// The largest number of devices that answered under \a node at a time; 0 when the number was never told.
-    quint8 mostDevices(quint8 node) const;
+    /// Every number of answering devices that was told, oldest first.
+    std::vector<DeviceCount> deviceCounts() const;
 
 private Q_SLOTS:
     void onEndOfLine(unsigned char line);
@@ -55,7 +61,7 @@ private:
     std::condition_variable mEnded;
     bool mHasEnded = false;
     std::vector<Error> mErrors;
-    std::array<quint8, 256> mMostDevices = {};
+    std::vector<DeviceCount> mDeviceCounts;
 };
 
 #endif // CANOPENANALYZE_LINEWATCHER_H

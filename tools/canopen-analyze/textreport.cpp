@@ -14,9 +14,10 @@ constexpr const char *red = "\033[1;31m";
 constexpr const char *dim = "\033[2m";
 constexpr const char *plain = "\033[0m";
 
-// Rows of a list when not everything is asked for.
-constexpr std::size_t rowsShown = 10;
-constexpr int classesInRow = 4;
+// Rows of a list when not everything is asked for; so what matters stays on one screen.
+constexpr std::size_t rowsShown = 5;
+constexpr std::size_t accessesShown = 6;
+constexpr int classesInRow = 3;
 // What of a segmented value fits into the line.
 constexpr int textShown = 26;
 constexpr int hexShown = 8;
@@ -111,9 +112,9 @@ std::string TextReport::time(CanTimeStamp time) const
     return Format::seconds(time.toNSecs() - mRecording.first().toNSecs());
 }
 
-std::string TextReport::frameAndTime(quint32 number, CanTimeStamp when) const
+std::string TextReport::rowStart(quint32 number, CanTimeStamp when, quint32 node) const
 {
-    return "  " + right(number, mFrameWidth) + "  " + right(time(when), mTimeWidth);
+    return "  " + right(number, mFrameWidth) + "  " + right(time(when), mTimeWidth) + "  " + right(node, 4) + "  ";
 }
 
 void TextReport::heading(const std::string &text)
@@ -121,27 +122,25 @@ void TextReport::heading(const std::string &text)
     mOutput << '\n' << coloured(bold, text);
 }
 
-std::string TextReport::columnTitles(Columns columns) const
+std::string TextReport::columnTitles() const
 {
-    std::string titles = "  " + right("frame", mFrameWidth) + "  " + right("time s", mTimeWidth);
-    for (const Column &column : columns)
-        titles += "  " + (column.width < 0 ? left(column.title, -column.width) : right(column.title, column.width));
-    return titles.erase(titles.find_last_not_of(' ') + 1);
+    return "  " + right("frame", mFrameWidth) + "  " + right("time s", mTimeWidth) + "  node";
 }
 
-// A list of findings with its heading; of a long one the first or the latest rows. Without findings nothing at all.
+// A list of findings under its title; of a long one the first or the latest rows. Without findings nothing at all.
 template<typename Findings, typename Row>
-void TextReport::section(const std::string &title, const Findings &findings, Keep keep, Columns columns, Row row)
+void TextReport::list(const std::string &title, const Findings &findings, Keep keep, std::size_t limit, Row row)
 {
     const auto count = std::size_t(findings.size());
     if (count == 0)
         return;
-    const std::size_t shown = mStyle.all ? count : std::min(count, rowsShown);
-    heading(title);
+    // A list is not cut for the sake of one row: the remark would take its place.
+    const std::size_t shown = mStyle.all || count <= limit + 1 ? count : limit;
+    mOutput << coloured(bold, title);
     if (shown < count)
-        mOutput << coloured(dim, std::string(keep == Keep::First ? ", the first " : ", the latest ")
-                                     + Format::number(qint64(shown)) + " (--all lists them all)");
-    mOutput << '\n' << coloured(dim, columnTitles(columns)) << '\n';
+        mOutput << (keep == Keep::First ? ", the first " : ", the latest ") << Format::number(qint64(shown))
+                << coloured(dim, " (--all lists them all)");
+    mOutput << '\n';
     const auto first = findings.begin() + std::ptrdiff_t(keep == Keep::First ? 0 : count - shown);
     std::for_each(first, first + std::ptrdiff_t(shown), [&](const auto &finding) { mOutput << row(finding) << '\n'; });
 }
@@ -167,18 +166,14 @@ void TextReport::line(const LineFindings &findings)
     rating(findings);
     classes(findings);
     nodes(findings);
-    faults(findings);
-    aborts(findings);
-    openRequests(findings);
-    emergencies(findings);
-    nmtCommands(findings);
+    incidents(findings);
     blockTransfers(findings);
     accesses(findings);
 }
 
 void TextReport::rating(const LineFindings &findings)
 {
-    heading("Rating " + Format::number(findings.rating) + " of 100");
+    mOutput << coloured(bold, "Rating " + Format::number(findings.rating) + " of 100");
     if (findings.protocolErrors + findings.sdoAborts + findings.unhandledFrames == 0)
         mOutput << ": no protocol errors, no SDO aborts, no unhandled frames";
     mOutput << '\n';
@@ -191,8 +186,9 @@ void TextReport::penalty(const char *what, quint32 count, int weight, quint32 fr
 {
     if (count == 0)
         return;
-    mOutput << right(-Rating::cost(count, weight, frames), 5) << "  " << left(counted(count, what), 24)
-            << coloured(dim, "(" + counted(std::size_t(weight), "point") + " for each in a hundred frames)") << '\n';
+    const auto cost = std::size_t(Rating::cost(count, weight, frames));
+    mOutput << "  " << left(counted(count, what), 24) << "costs " << left(counted(cost, "point"), 12)
+            << coloured(dim, "(" + Format::number(weight) + " for each in a hundred frames)") << '\n';
 }
 
 void TextReport::classes(const LineFindings &findings)
@@ -205,7 +201,7 @@ void TextReport::classes(const LineFindings &findings)
     int column = 0;
     for (const auto &[count, type] : byCount) {
         const double share = 100.0 * count / std::max(1U, findings.frames);
-        mOutput << (column++ % classesInRow == 0 ? "\n  " : "   ") << left(Words::messageClass(type).toStdString(), 13)
+        mOutput << (column++ % classesInRow == 0 ? "\n  " : "    ") << left(Words::messageClass(type).toStdString(), 13)
                 << right(count, std::max(4, mFrameWidth - 1)) << right(Format::fixed(share, 1), 6) << '%';
     }
     mOutput << '\n';
@@ -231,89 +227,93 @@ void TextReport::nodes(const LineFindings &findings)
     }
 }
 
-void TextReport::accesses(const LineFindings &findings)
-{
-    const auto writes = std::size_t(std::count_if(findings.accesses.begin(), findings.accesses.end(),
-                                                  [](const SdoAccess &access) { return access.wasWrite; }));
-    const std::size_t reads = findings.accesses.size() - writes;
-    section("SDO accesses: " + counted(reads, "read") + " and " + counted(writes, "write"), findings.accesses,
-            Keep::Latest, {{"node", 4}, {"object", -7}, {"", -5}, {"ms", 7}, {"value", -1}},
-            [this](const SdoAccess &access) {
-                return frameAndTime(access.response.number, access.response.time) + "  " + right(access.object.node, 4)
-                       + "  " + objectText(access.object) + "  " + (access.wasWrite ? "write" : "read ") + "  "
-                       + right(answerTime(access), 7) + "  " + valueText(access);
-            });
-}
-
-void TextReport::aborts(const LineFindings &findings)
-{
-    section(counted(findings.aborts.size(), "SDO abort"), findings.aborts, Keep::First,
-            {{"node", 4}, {"object", -7}, {"by", -6}, {"code", -8}, {"meaning", -1}}, [this](const SdoAbort &abort) {
-                return frameAndTime(abort.frame.number, abort.frame.time) + "  " + right(abort.object.node, 4) + "  "
-                       + objectText(abort.object) + "  " + (abort.byClient ? "client" : "server") + "  "
-                       + Format::hex(abort.code, 8) + "  " + Words::abortCode(abort.code);
-            });
-}
-
-void TextReport::faults(const LineFindings &findings)
+// What went wrong or was ordered: lists whose rows begin alike, so that one line of titles does for all.
+void TextReport::incidents(const LineFindings &findings)
 {
     std::vector<ProtocolFault> faults;
     std::copy_if(findings.faults.begin(), findings.faults.end(), std::back_inserter(faults),
                  [](const ProtocolFault &fault) { return !fault.isHarmless(); });
-    section(counted(faults.size(), "protocol error"), faults, Keep::First,
-            {{"node", 4}, {"id", -3}, {"data", -23}, {"what is wrong", -1}}, [this](const ProtocolFault &fault) {
-                const std::size_t length = std::min<std::size_t>(fault.message.mDataLength, hexShown);
-                return frameAndTime(fault.frame.number, fault.frame.time) + "  "
-                       + right(fault.message.mIdentifier & 0x7F, 4) + "  " + Format::hex(fault.message.mIdentifier, 3)
-                       + "  " + left(Format::bytes(fault.message.mPayload, length, " "), 23) + "  "
-                       + Words::protocolFault(fault.kind);
-            });
+    if (faults.empty() && findings.aborts.empty() && findings.openRequests.empty() && findings.emergencies.empty()
+        && findings.nmtCommands.isEmpty())
+        return;
+    mOutput << '\n' << coloured(dim, columnTitles()) << '\n';
+    list(counted(faults.size(), "frame") + (faults.size() == 1 ? " that breaks" : " that break") + " the protocol",
+         faults, Keep::First, rowsShown, [this](const ProtocolFault &fault) { return row(fault); });
+    list(counted(findings.aborts.size(), "SDO abort"), findings.aborts, Keep::First, rowsShown,
+         [this](const SdoAbort &abort) { return row(abort); });
+    list(counted(findings.openRequests.size(), "SDO request") + " without an end", findings.openRequests, Keep::First,
+         rowsShown, [this](const OpenRequest &request) { return row(request); });
+    list(counted(findings.emergencies.size(), "emergency message"), findings.emergencies, Keep::Latest, rowsShown,
+         [this](const NodeEmergency &found) { return row(found); });
+    list(counted(std::size_t(findings.nmtCommands.size()), "NMT command"), findings.nmtCommands, Keep::Latest,
+         rowsShown, [this](const InMemory::NmtCommand &command) { return row(command); });
 }
 
-void TextReport::openRequests(const LineFindings &findings)
+std::string TextReport::row(const ProtocolFault &fault) const
 {
-    section(counted(findings.openRequests.size(), "SDO request") + " without an end", findings.openRequests,
-            Keep::First, {{"node", 4}, {"object", -7}, {"", -5}}, [this](const OpenRequest &request) {
-                return frameAndTime(request.frame.number, request.frame.time) + "  " + right(request.object.node, 4)
-                       + "  " + objectText(request.object) + "  " + (request.isWrite ? "write" : "read ") + "  "
-                       + (request.wasAnswered ? "begun, never finished" : "never answered");
-            });
+    constexpr quint32 nodeMask = 0x7F;
+    const std::size_t length = std::min<std::size_t>(fault.message.mDataLength, hexShown);
+    return rowStart(fault.frame.number, fault.frame.time, fault.message.mIdentifier & nodeMask)
+           + Format::hex(fault.message.mIdentifier, 3) + "  "
+           + left(Format::bytes(fault.message.mPayload, length, " "), 23) + "  " + Words::protocolFault(fault.kind);
 }
 
-void TextReport::emergencies(const LineFindings &findings)
+std::string TextReport::row(const SdoAbort &abort) const
 {
-    section(findings.emergencies.size() == 1 ? "1 emergency"
-                                             : Format::number(qint64(findings.emergencies.size())) + " emergencies",
-            findings.emergencies, Keep::Latest, {{"node", 4}, {"code", -4}, {"register", -8}, {"meaning", -1}},
-            [this](const NodeEmergency &found) {
-                const InMemory::Emergency &emergency = found.emergency;
-                return frameAndTime(emergency.seen.messageNumber, emergency.seen.time) + "  " + right(found.node, 4)
-                       + "  " + Format::hex(emergency.errorCode, 4) + "  "
-                       + left(Format::hex(emergency.errorRegister, 2), 8) + "  "
-                       + Words::emergencyCode(emergency.errorCode);
-            });
+    return rowStart(abort.frame.number, abort.frame.time, abort.object.node) + objectText(abort.object) + "  by "
+           + (abort.byClient ? "client" : "server") + ": " + Format::hex(abort.code, 8) + "  "
+           + Words::abortCode(abort.code);
 }
 
-void TextReport::nmtCommands(const LineFindings &findings)
+std::string TextReport::row(const OpenRequest &request) const
 {
-    section(counted(std::size_t(findings.nmtCommands.size()), "NMT command"), findings.nmtCommands, Keep::Latest,
-            {{"node", 4}, {"command", -1}}, [this](const InMemory::NmtCommand &command) {
-                return frameAndTime(command.seen.messageNumber, command.seen.time) + "  "
-                       + (command.node == 0 ? " all" : right(command.node, 4)) + "  " + Format::hex(command.command, 2)
-                       + ' ' + Words::nmtCommand(command.command);
-            });
+    return rowStart(request.frame.number, request.frame.time, request.object.node) + objectText(request.object)
+           + (request.isWrite ? "  write " : "  read ")
+           + (request.wasAnswered ? "begun, never finished" : "never answered");
+}
+
+std::string TextReport::row(const NodeEmergency &found) const
+{
+    const InMemory::Emergency &emergency = found.emergency;
+    return rowStart(emergency.seen.messageNumber, emergency.seen.time, found.node) + Format::hex(emergency.errorCode, 4)
+           + "  register " + Format::hex(emergency.errorRegister, 2) + "  " + Words::emergencyCode(emergency.errorCode);
+}
+
+std::string TextReport::row(const InMemory::NmtCommand &command) const
+{
+    std::string start = rowStart(command.seen.messageNumber, command.seen.time, command.node);
+    if (command.node == 0)
+        start.replace(start.size() - 5, 3, "all");
+    return start + Words::nmtCommand(command.command) + " (" + Format::hex(command.command, 2) + ')';
+}
+
+std::string TextReport::row(const SdoAccess &access) const
+{
+    return rowStart(access.response.number, access.response.time, access.object.node) + objectText(access.object)
+           + (access.wasWrite ? "  write   " : "  read    ") + right(answerTime(access), 7) + "  " + valueText(access);
+}
+
+void TextReport::accesses(const LineFindings &findings)
+{
+    if (findings.accesses.empty())
+        return;
+    const auto writes = std::size_t(std::count_if(findings.accesses.begin(), findings.accesses.end(),
+                                                  [](const SdoAccess &access) { return access.wasWrite; }));
+    const std::size_t reads = findings.accesses.size() - writes;
+    mOutput << '\n' << coloured(dim, columnTitles() + "  object   access       ms  value") << '\n';
+    list(counted(reads, "SDO read") + " and " + counted(writes, "write"), findings.accesses, Keep::Latest,
+         accessesShown, [this](const SdoAccess &access) { return row(access); });
 }
 
 void TextReport::blockTransfers(const LineFindings &findings)
 {
     if (findings.blockTransfers.isEmpty())
         return;
-    heading("Block transfers, the last one of each node");
-    mOutput << '\n' << coloured(dim, "  node  object            bytes  announced  state") << '\n';
+    heading("Block transfers: the last one of each node, and how many bytes all of them carried");
+    mOutput << '\n' << coloured(dim, "  node  object   access      bytes  state") << '\n';
     for (auto transfer = findings.blockTransfers.cbegin(); transfer != findings.blockTransfers.cend(); ++transfer) {
         mOutput << right(transfer.key(), 6) << "  " << objectText(transfer->mIndex, transfer->mSubindex)
-                << (transfer->mDirection ? "  write" : "  read ") << right(transfer->mData.size(), 9)
-                << right(transfer->mSize == 0 ? "-" : Format::number(transfer->mSize), 11) << "  "
+                << (transfer->mDirection ? "  write " : "  read  ") << right(transfer->mData.size(), 9) << "  "
                 << Words::blockState(transfer->mState) << '\n';
     }
 }

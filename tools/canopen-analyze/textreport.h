@@ -5,8 +5,6 @@
 #include "output.h"
 #include "recording.h"
 
-#include <initializer_list>
-
 /// The report for the eye: what to look at first comes first, long lists are cut unless everything is asked for.
 /// Call head(), then line() for each line.
 class TextReport
@@ -24,31 +22,28 @@ public:
     void line(const LineFindings &findings);
 
 private:
-    struct Column
-    {
-        const char *title;
-        int width; // negative: left-aligned
-    };
-    using Columns = std::initializer_list<Column>;
     enum class Keep { First, Latest };
     template<typename Findings, typename Row>
-    void section(const std::string &title, const Findings &findings, Keep keep, Columns columns, Row row);
+    void list(const std::string &title, const Findings &findings, Keep keep, std::size_t limit, Row row);
 
     void rating(const LineFindings &findings);
     void penalty(const char *what, quint32 count, int weight, quint32 frames);
     void classes(const LineFindings &findings);
     void nodes(const LineFindings &findings);
-    void accesses(const LineFindings &findings);
-    void aborts(const LineFindings &findings);
-    void faults(const LineFindings &findings);
-    void openRequests(const LineFindings &findings);
+    void incidents(const LineFindings &findings);
     void blockTransfers(const LineFindings &findings);
-    void emergencies(const LineFindings &findings);
-    void nmtCommands(const LineFindings &findings);
+    void accesses(const LineFindings &findings);
+
+    std::string row(const ProtocolFault &fault) const;
+    std::string row(const SdoAbort &abort) const;
+    std::string row(const OpenRequest &request) const;
+    std::string row(const NodeEmergency &found) const;
+    std::string row(const InMemory::NmtCommand &command) const;
+    std::string row(const SdoAccess &access) const;
+    std::string rowStart(quint32 number, CanTimeStamp time, quint32 node) const;
+    std::string columnTitles() const;
 
     void heading(const std::string &text);
-    std::string columnTitles(Columns columns) const;
-    std::string frameAndTime(quint32 number, CanTimeStamp time) const;
     std::string time(CanTimeStamp time) const;
     std::string coloured(const char *colour, const std::string &text) const;
 
