@@ -161,7 +161,7 @@ void InMemoryCANopenNetwork::addCANMessage(const CAN::CanRxMessage &msg)
 
 void InMemoryCANopenNetwork::addPDOCanMessage(const CAN::CanRxMessage &msg)
 {
-    if (msg.mFrame.mIdentifier < pdoIdentifiers)
+    if (msg.mFrame.mIdentifier < pdoIdentifiers && !(msg.mFrame.mFlags & CAN::CanMessage::ExtendedId))
         d->pdos[msg.mFrame.mIdentifier].raise();
 }
 
