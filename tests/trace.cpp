@@ -1,0 +1,97 @@
+#include "trace.h"
+
+#include <QStringList>
+
+namespace {
+
+constexpr qint64 nsecsPerMsec = 1000000;
+
+/// Consumes an opening "+20ms" and returns its milliseconds.
+qint64 takeTimeStep(QStringList &words, qint64 otherwise)
+{
+    if (words.isEmpty() || !words.constFirst().startsWith(QLatin1Char('+')))
+        return otherwise;
+    QString step = words.takeFirst().mid(1);
+    bool ok = step.endsWith(QLatin1String("ms"));
+    step.chop(2);
+    bool isNumber = false;
+    const qint64 msecs = step.toLongLong(&isNumber);
+    if (!ok || !isNumber)
+        qFatal("trace: a time step reads +20ms");
+    return msecs;
+}
+
+quint8 byteOf(const QString &word)
+{
+    bool ok = false;
+    const uint value = word.toUInt(&ok, 16);
+    if (!ok || value > 0xFF)
+        qFatal("trace: '%s' is no byte", qPrintable(word));
+    return static_cast<quint8>(value);
+}
+
+CAN::CanMessage parseFrame(QStringList words)
+{
+    CAN::CanMessage frame;
+    const QString identifier = words.takeFirst();
+    bool ok = false;
+    frame.mIdentifier = identifier.toUInt(&ok, 16);
+    if (!ok)
+        qFatal("trace: '%s' is no identifier", qPrintable(identifier));
+    if (identifier.size() > 3)
+        frame.mFlags |= CAN::CanMessage::ExtendedId;
+    if (!words.isEmpty() && words.constFirst() == QLatin1String("error")) {
+        frame.mFlags |= CAN::CanMessage::ErrorFrame;
+        words.removeFirst();
+    }
+    if (!words.isEmpty() && words.constFirst().startsWith(QLatin1Char('R'))) {
+        frame.mFlags |= CAN::CanMessage::RemoteRequest;
+        frame.mDataLength = static_cast<quint8>(words.constFirst().mid(1).toUInt());
+        return frame;
+    }
+    if (words.size() > CAN::CanMessage::maxPayload)
+        qFatal("trace: too many bytes");
+    if (words.size() > 8)
+        frame.mFlags |= CAN::CanMessage::FdFormat;
+    for (const QString &word : std::as_const(words))
+        frame.mPayload[frame.mDataLength++] = byteOf(word);
+    return frame;
+}
+
+} // namespace
+
+QList<TraceLine> parseTrace(const QByteArray &trace)
+{
+    QList<TraceLine> lines;
+    qint64 msecs = 0;
+    const QStringList texts = QString::fromUtf8(trace).split(QLatin1Char('\n'));
+    for (const QString &text : texts) {
+        TraceLine line;
+        line.text = text.trimmed();
+        line.expected = text.section(QLatin1String("=>"), 1).trimmed();
+        const QString bus = text.section(QLatin1String("=>"), 0, 0).section(QLatin1Char('|'), 0, 0);
+        QStringList words = bus.simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        if (words.isEmpty())
+            continue;
+        msecs += takeTimeStep(words, lines.isEmpty() ? 0 : 1);
+        line.message.mFrame = parseFrame(words);
+        line.message.mTimeStamp = CanTimeStamp::fromNSecs(msecs * nsecsPerMsec);
+        line.message.mMessageNumber = static_cast<quint32>(lines.size() + 1);
+        lines.append(line);
+    }
+    return lines;
+}
+
+CAN::CanRxMessage frame(const char *line)
+{
+    return parseTrace(line).constFirst().message;
+}
+
+QList<CAN::CanRxMessage> frames(const QByteArray &trace)
+{
+    QList<CAN::CanRxMessage> messages;
+    const QList<TraceLine> lines = parseTrace(trace);
+    for (const TraceLine &line : lines)
+        messages.append(line.message);
+    return messages;
+}
