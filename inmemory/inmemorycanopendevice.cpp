@@ -25,5 +25,9 @@ void InMemoryCANopenDevice::clearObjectValues()
 InMemory::ObjectValues InMemoryCANopenDevice::objectValues() const
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    return mValues;
+    InMemory::ObjectValues values = mValues;
+    // Nothing shared leaves the lock: Qt's containers look at their reference count without ordering.
+    for (QVector<SDO::SDOEntryValue> &ofObject : values)
+        ofObject.detach();
+    return values;
 }

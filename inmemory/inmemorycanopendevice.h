@@ -30,7 +30,7 @@ public:
     void addObjectValue(quint16 index, quint8 subindex, const SDO::SDOEntryValue &value);
     void clearObjectValues() override;
 
-    /// The values of this node. The copy is cheap; the next value pays for it while the copy exists.
+    /// The values of this node, copied one by one; a value that comes meanwhile waits for that.
     InMemory::ObjectValues objectValues() const;
 
 private:

@@ -36,6 +36,22 @@ InMemory::Emergency emergencyFrom(const CAN::CanRxMessage &msg)
     return emergency;
 }
 
+// Copies that share nothing with the original, to be made under the lock: Qt's containers look at their reference count
+// without ordering, so a snapshot that another thread still reads must not be what the next frame is appended to.
+QVector<InMemory::NmtCommand> unshared(QVector<InMemory::NmtCommand> commands)
+{
+    commands.detach();
+    return commands;
+}
+
+InMemory::Node unshared(InMemory::Node node)
+{
+    node.stateChanges.detach();
+    node.bootUps.detach();
+    node.emergencies.detach();
+    return node;
+}
+
 } // namespace
 
 struct InMemoryCANopenNetwork::Private
@@ -260,7 +276,7 @@ QVector<InMemory::Node> InMemoryCANopenNetwork::nodes() const
     const std::lock_guard<std::mutex> lock(d->mutex);
     for (unsigned int nodeId = 0; nodeId < nodeIds; ++nodeId) {
         if (d->isKnown(nodeId))
-            nodes.append(d->nodes[nodeId]);
+            nodes.append(unshared(d->nodes[nodeId]));
     }
     return nodes;
 }
@@ -270,13 +286,13 @@ std::optional<InMemory::Node> InMemoryCANopenNetwork::node(quint8 nodeId) const
     const std::lock_guard<std::mutex> lock(d->mutex);
     if (nodeId >= nodeIds || !d->isKnown(nodeId))
         return std::nullopt;
-    return d->nodes[nodeId];
+    return unshared(d->nodes[nodeId]);
 }
 
 QVector<InMemory::NmtCommand> InMemoryCANopenNetwork::nmtCommands() const
 {
     const std::lock_guard<std::mutex> lock(d->mutex);
-    return d->nmtCommands;
+    return unshared(d->nmtCommands);
 }
 
 InMemory::ObjectValues InMemoryCANopenNetwork::objectValues() const

@@ -16,7 +16,8 @@
 ///
 /// Threads: the operations of CANopenNetwork are called by one thread at a time. The snapshots (below) may be asked for
 /// from any thread at any time; they are copies, made under a lock of the model's own, and tell what was known at one moment.
-/// The lock is never held while a signal is emitted, and never taken for a frame or a process data object.
+/// The lock is never held while a signal is emitted, and never taken for a frame, a process data object or a SYNC; what else
+/// comes while a snapshot is taken waits for it.
 ///
 /// What grows: a process data object, a SYNC, a heartbeat that repeats the state before it and any other frame without
 /// findings only count. Kept one by one, until reset(), are changes of state (24 bytes), boot-ups (16), emergencies (32), NMT

@@ -113,6 +113,8 @@ struct InMemoryDatachunkHandler::Private
     // Changes whenever reading starts over at position 0.
     static quint32 startOf(quint64 epoch) { return upperHalf(epoch) + lowerHalf(epoch); }
     static quint32 countIn(quint32 recording, const std::atomic<quint64> &counter);
+    static bool hasFrame(const Line &line, quint32 position, quint32 recording);
+    static quint32 countOfLine(const Line &line, quint32 recording);
 
     bool readFrame(quint32 place, quint32 since, CAN::CanRxMessage &msg) const;
     bool readLongPayload(quint64 firstWord, quint32 since, CAN::CanMessage &frame) const;
@@ -144,6 +146,21 @@ quint32 InMemoryDatachunkHandler::Private::countIn(quint32 recording, const std:
 {
     const quint64 word = counter.load(std::memory_order_acquire);
     return upperHalf(word) == recording ? lowerHalf(word) : 0;
+}
+
+bool InMemoryDatachunkHandler::Private::hasFrame(const Line &line, quint32 position, quint32 recording)
+{
+    return line.places.contains(position)
+           && upperHalf(line.places.at(position).load(std::memory_order_acquire)) == recording;
+}
+
+// A frame can be fetched a moment before it is counted. Whoever has it must not be told of fewer frames.
+quint32 InMemoryDatachunkHandler::Private::countOfLine(const Line &line, quint32 recording)
+{
+    quint32 count = countIn(recording, line.count);
+    while (hasFrame(line, count, recording))
+        ++count;
+    return count;
 }
 
 // Fills msg with the frame at a place of the recording; false when the recording is no longer the given one.
@@ -208,7 +225,7 @@ bool InMemoryDatachunkHandler::Private::copyRestOfLine(const Line &line, quint32
 bool InMemoryDatachunkHandler::Private::isNewEnd(Line &line, quint32 position)
 {
     const quint64 since = epoch.load(std::memory_order_acquire);
-    if (countIn(lowerHalf(since), line.count) != position || recording() != lowerHalf(since))
+    if (countOfLine(line, lowerHalf(since)) != position || recording() != lowerHalf(since))
         return false;
     const quint64 end = twoHalves(startOf(since), position + 1);
     quint64 announced = line.announcedEnd.load(std::memory_order_relaxed);
@@ -387,7 +404,7 @@ int InMemoryDatachunkHandler::lineAt(int index) const
 
 int InMemoryDatachunkHandler::messageCountOfLine(unsigned char line) const
 {
-    return line > lastLine ? 0 : int(Private::countIn(d->recording(), d->lines[line].count));
+    return line > lastLine ? 0 : int(Private::countOfLine(d->lines[line], d->recording()));
 }
 
 QList<unsigned char> InMemoryDatachunkHandler::linesInUse() const
