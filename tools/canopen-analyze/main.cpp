@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 
 #include <cstdio>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -83,15 +84,10 @@ int analyse(const Options &options)
     return output.finish() ? 0 : complain(QStringLiteral("The report could not be written."));
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run(const QStringList &arguments)
 {
-    const QCoreApplication application(argc, argv);
-    qInstallMessageHandler(printWarnings);
-    CAN::CanRxMessage::mLiveMode = false;
     QString problem;
-    const Options options = Options::parse(QCoreApplication::arguments().mid(1), problem);
+    const Options options = Options::parse(arguments, problem);
     if (!problem.isEmpty())
         return complain(problem);
     if (options.help)
@@ -99,4 +95,18 @@ int main(int argc, char **argv)
     if (options.version)
         return std::puts("canopen-analyze " CANOPENANALYZE_VERSION) < 0 ? statusNothingDone : 0;
     return analyse(options);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    qInstallMessageHandler(printWarnings);
+    CAN::CanRxMessage::mLiveMode = false;
+    try {
+        return run(QCoreApplication::arguments().mid(1));
+    } catch (const std::bad_alloc &) {
+        return complain(QStringLiteral("There is not enough memory for this recording."));
+    }
 }

@@ -24,9 +24,14 @@ std::string printable(std::string_view text)
     return result;
 }
 
+bool isStandardInput(const QString &fileName)
+{
+    return fileName == QLatin1String("-");
+}
+
 bool openLog(QFile &file, const QString &fileName)
 {
-    if (fileName == QLatin1String("-"))
+    if (isStandardInput(fileName))
         return file.open(stdin, QIODevice::ReadOnly | QIODevice::Unbuffered);
     file.setFileName(fileName);
     return file.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
@@ -36,8 +41,9 @@ bool openLog(QFile &file, const QString &fileName)
 
 QString Recording::load(const QString &fileName)
 {
-    mName = fileName == QLatin1String("-") ? QStringLiteral("standard input") : fileName;
-    if (QFileInfo(fileName).isDir())
+    const bool isInput = isStandardInput(fileName);
+    mName = isInput ? QStringLiteral("standard input") : fileName;
+    if (!isInput && QFileInfo(fileName).isDir())
         return QStringLiteral("%1 is a directory, not a candump log.").arg(mName);
     QFile file;
     if (!openLog(file, fileName))
