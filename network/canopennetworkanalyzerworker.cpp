@@ -41,6 +41,17 @@ quint8 eventCodeOfState(quint8 stateByte, quint8 otherwise)
     }
 }
 
+/// A copy for another thread that shares nothing with the original. Qt's containers would share and detach on the next
+/// write, but whether a copy is still shared is read there without acquire, so the write is not ordered after the other
+/// thread's last read.
+template<typename Container>
+Container unshared(const Container &original)
+{
+    Container copy = original;
+    copy.detach();
+    return copy;
+}
+
 /// identifier − base in 16 bits
 short identifierOffset(const CAN::CanMessage &msg, quint32 base)
 {
@@ -110,16 +121,19 @@ void CANopenNetworkAnalyzerWorker::analyze()
 //  analysing  leaving paused                                           end of recording (paused), stop(), model or store gone
 //  ended      stop(), model or store gone                              –
 //
-//  one pass:  paused? sleep, events, again │ guests │ rescued frames │ fetch ─ frame ─┬─ (every 5000th: events) ─ analyse
-//                                                                                    └─ none: idle (events, sleep, pause)
+//  one pass:  guests │ paused? sleep, events, again │ rescued frames │ fetch ─┬─ frame: (every 5000th: events) analyse
+//                                                                            └─ none: idle (events, sleep, pause)
 //  Guests and events come in at these points only; a clear, a reset or a reanalysis therefore finds whole frames.
 bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffer)
 {
+    // Guests first: one that pauses the analysis and then resets it must find it empty afterwards.
+    mLock->admitGuests();
     quint32 pauseState = 0;
     if (!sleepWhilePaused(pauseState))
         return false;
-    mLock->admitGuests();
     handleRescuedFrames();
+    if (mClearPending)
+        return mRunning; // cleared again meanwhile: those frames come before any of the new contents
     if (!mNetwork || !mDatachunkHandler) {
         mRunning = false;
         return idle(pauseState);
@@ -483,31 +497,37 @@ qint16 CANopenNetworkAnalyzerWorker::calculateRating() const
 QMap<CANopenNetworkAnalyzerWorker::RatingMessageTypes, unsigned int> CANopenNetworkAnalyzerWorker::ratingCounts() const
 {
     const GuestScope guest(mLock.get());
-    return mRatingCounts;
+    return unshared(mRatingCounts);
 }
 
 QMap<CANopen::MessageType, unsigned int> CANopenNetworkAnalyzerWorker::messageTypeDistribution() const
 {
     const GuestScope guest(mLock.get());
-    return mNetwork && mMessageTypeDistribution ? *mMessageTypeDistribution : QMap<MessageType, unsigned int>();
+    return mNetwork && mMessageTypeDistribution ? unshared(*mMessageTypeDistribution)
+                                                : QMap<MessageType, unsigned int>();
 }
 
 QList<unsigned int> CANopenNetworkAnalyzerWorker::protocolErrors() const
 {
     const GuestScope guest(mLock.get());
-    return mSdoHandler ? mSdoHandler->protocolErrors() : QList<unsigned int>();
+    return mSdoHandler ? unshared(mSdoHandler->protocolErrors()) : QList<unsigned int>();
 }
 
 QHash<SDO::SDOEntryKey, SDO::SDOEntry> CANopenNetworkAnalyzerWorker::pendingSDOEntryList() const
 {
     const GuestScope guest(mLock.get());
-    return mSdoHandler ? mSdoHandler->pendingSDOEntryList() : QHash<SDO::SDOEntryKey, SDO::SDOEntry>();
+    return mSdoHandler ? unshared(mSdoHandler->pendingSDOEntryList()) : QHash<SDO::SDOEntryKey, SDO::SDOEntry>();
 }
 
 QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> CANopenNetworkAnalyzerWorker::blockTransfers() const
 {
     const GuestScope guest(mLock.get());
-    return mSdoHandler ? mSdoHandler->blockTransfers() : QMap<unsigned char, SDODef::SDOBlockTransfer>();
+    if (!mSdoHandler)
+        return QMap<unsigned char, SDODef::SDOBlockTransfer>();
+    QMap<unsigned char, SDODef::SDOBlockTransfer> transfers = unshared(mSdoHandler->blockTransfers());
+    for (SDODef::SDOBlockTransfer &transfer : transfers)
+        transfer.mData.detach();
+    return transfers;
 }
 
 const SDOMessageHandler *CANopenNetworkAnalyzerWorker::sdoMessageHandler() const

@@ -62,7 +62,10 @@ SDOEntryValue answeredValue(const SDOEntry &request, const CAN::CanRxMessage &re
 
 SDOMessageHandler::SDOMessageHandler(QObject *parent,
                                      QHash<unsigned int, CANopen::CANopenMessageDescription> *descriptions)
-    : QObject(parent), mMessageDescriptions(descriptions), mBudget(std::make_unique<ByteBudget>(maxCollectedBytes))
+    : QObject(parent),
+      mMessageDescriptions(descriptions),
+      mSegmentBudget(std::make_unique<ByteBudget>(maxCollectedBytes / 2)),
+      mBlockBudget(std::make_unique<ByteBudget>(maxCollectedBytes / 2))
 {
     // For hosts that connect queued; the other parameters of the signals are known to Qt.
     qRegisterMetaType<CANopen::SdoProtocolErrorType>("CANopen::SdoProtocolErrorType");
@@ -84,7 +87,8 @@ void SDOMessageHandler::setGuestLock(std::shared_ptr<GuestLock> lock)
 
 void SDOMessageHandler::setCollectedBytesLimit(qint64 bytes)
 {
-    mBudget->setLimit(bytes);
+    mSegmentBudget->setLimit(bytes / 2);
+    mBlockBudget->setLimit(bytes / 2);
 }
 
 void SDOMessageHandler::reset()
@@ -101,7 +105,7 @@ void SDOMessageHandler::reset()
     qDeleteAll(mSegmentedUploads);
     mSegmentedUploads.clear();
     for (const SDODef::SDOBlockTransfer &transfer : std::as_const(mBlockTransfers))
-        mBudget->give(transfer.mData.size());
+        mBlockBudget->give(transfer.mData.size());
     mBlockTransfers.clear();
 }
 

@@ -24,9 +24,9 @@ class GuestLock;
 /// once. docs/architecture.md shows the state machines.
 ///
 /// Owner: its QObject parent. Threads: passive; every operation runs in the caller's thread, one at a time, and the
-/// signals are emitted from there, in the middle of handleCANMessage(). A directly connected slot may call any operation of the
-/// handler; after a reset() in a slot the rest of the frame in hand leaves no trace. The handler must not be deleted in
-/// a slot of its own signals. Only the deferred check of the responder counts comes from the event loop of the thread that
+/// signals are emitted from there, in the middle of handleCANMessage(). A directly connected slot may call every operation of
+/// the handler but handleCANMessage(); after a reset() in a slot the rest of the frame in hand leaves no trace. The
+/// handler must not be deleted in a slot of its own signals. Only the deferred check of the responder counts comes from the event loop of the thread that
 /// the handler belongs to.
 ///
 /// Nothing fed to it makes it fail: frames that fit no conversation are reported as protocol errors or ignored. A request
@@ -37,8 +37,9 @@ class CANOPENANALYSIS_EXPORT SDOMessageHandler : public QObject
     Q_DISABLE_COPY_MOVE(SDOMessageHandler)
 
 public:
-    /// Bound on the payload bytes that one handler keeps of running segmented transfers and of block transfers together.
-    /// Beyond it a segment fails its transfer and the payload of a block segment is dropped.
+    /// Bound on the payload bytes that one handler keeps: half of it for running segmented transfers, half for block
+    /// transfers. Beyond it a segment fails its transfer and the payload of a block segment is dropped. (Two halves, since block
+    /// data stay until reset(): sooner or later they would leave nothing to segmented transfers.)
     static constexpr qint64 maxCollectedBytes = 64 * 1024 * 1024;
 
     /// \a descriptions may be null; the handler keeps the pointer and never reads through it.
@@ -64,14 +65,13 @@ public:
     QHash<SDO::SDOEntryKey, SDO::SDOEntry> foundSDOEntryList() const { return mFoundEntries; }
 
     /// Requests still waiting for their answer, by object. A copy. The request that opened a segmented upload stays among
-    /// them until the next request of the same object or its abort.
+    /// them until the next expedited download or upload request of the same object, its expedited answer, or its abort.
     QHash<SDO::SDOEntryKey, SDO::SDOEntry> pendingSDOEntryList() const { return mPendingEntries; }
 
     /// Block transfer records by node-ID; each node seen in an SDO frame has one. A copy.
     QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers() const { return mBlockTransfers; }
 
-    /// Replaces maxCollectedBytes for this handler, for hosts with less memory; takes effect with the next segment.
-    /// \a bytes: 0 or more.
+    /// Replaces maxCollectedBytes for this handler; takes effect with the next segment. \a bytes: 0 or more.
     void setCollectedBytesLimit(qint64 bytes);
 
     /// For the library's own loop: the lock under which it feeds this handler. The deferred check then enters as a
@@ -79,8 +79,9 @@ public:
     void setGuestLock(std::shared_ptr<GuestLock> lock);
 
 Q_SIGNALS:
-    /// A transfer finished; emitted once for each, in the order in which they finish. \a value is a qlonglong for an expedited
-    /// transfer and a QByteArray for a segmented one. \a reqTime and \a respTime are seconds (CanTimeStamp::toDouble()),
+    /// An expedited or segmented transfer finished with a value; emitted once for each, in the order in which they finish.
+    /// \a value is a qlonglong for an expedited transfer and a QByteArray for a segmented one; it is null when a server
+    /// answered a read as if it had been a write. \a reqTime and \a respTime are seconds (CanTimeStamp::toDouble()),
     /// \a canMsgNumber is the message number of the response, \a wasSDOWrite is true for a download.
     void newValue(unsigned char node, unsigned short index, unsigned char subindex, QVariant value, double reqTime,
                   double respTime, unsigned int canMsgNumber, bool wasSDOWrite);
@@ -148,8 +149,6 @@ private:
                                   const CAN::CanRxMessage &msg);
     void removeFinishedSDOEntry(unsigned char node, unsigned short index, unsigned char subindex);
     void scheduleNodeCountCheck();
-    void armNodeCountCheck(qint64 delayMs);
-    void runDueNodeCountChecks();
 
     // Entry tables
     void addFinishedEntry(const SDO::SDOEntry &entry);
@@ -165,7 +164,8 @@ private:
     // Set once, then only read
     [[maybe_unused]] QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // not owned
     std::shared_ptr<GuestLock> mGuestLock;
-    const std::unique_ptr<ByteBudget> mBudget;
+    const std::unique_ptr<ByteBudget> mSegmentBudget;
+    const std::unique_ptr<ByteBudget> mBlockBudget;
 
     // What was seen
     EntryHash mPendingEntries;  // requests waiting for their answer
@@ -185,9 +185,9 @@ private:
     // Counts reset(): tells a function that has emitted a signal whether a slot called it
     quint32 mResetCount = 0;
 
-    // Deferred count checks: milliseconds of mClock when they are due, ascending, one at most for a millisecond
+    // The millisecond in which a deferred count check was scheduled last
     QElapsedTimer mClock;
-    QList<qint64> mDueNodeCountChecks;
+    qint64 mNodeCountCheckScheduled = -1;
 };
 
 #endif // CANOPENANALYSIS_SDO_SDOMESSAGEHANDLER_H

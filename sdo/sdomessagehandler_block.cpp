@@ -65,7 +65,7 @@ void SDOMessageHandler::handleBlockSegment(const CAN::CanRxMessage &msg, SDOBloc
 
     ++transfer.mSequence;
     // A segment out of sequence, or beyond the bound on collected bytes, is counted and its payload dropped.
-    if (transfer.mSequence == sequence && mBudget->take(payload.size()))
+    if (transfer.mSequence == sequence && mBlockBudget->take(payload.size()))
         transfer.mData.append(payload);
     if (!moreFollow)
         transfer.mState = BS_LastSegment;
@@ -158,5 +158,5 @@ void SDOMessageHandler::removeUnsetBytes(const CAN::CanMessage &endFrame, SDOBlo
 {
     const int unset = std::min<int>(SDOHelper::getBlockUploadUnsetBytes(endFrame), transfer.mData.size());
     transfer.mData.chop(unset);
-    mBudget->give(unset);
+    mBlockBudget->give(unset);
 }

@@ -14,14 +14,12 @@
 
 #include <QTimer>
 
-#include <algorithm>
-
 using SDO::SDOEntryKey;
 
 namespace {
 
-constexpr qint64 repeatIntervalMs = 20;      // of recording time, from the request to the repeated answer
-constexpr qint64 nodeCountCheckDelayMs = 20; // of real time
+constexpr qint64 repeatIntervalMs = 20;   // of recording time, from the request to the repeated answer
+constexpr int nodeCountCheckDelayMs = 20; // of real time
 
 } // namespace
 
@@ -67,35 +65,14 @@ void SDOMessageHandler::checkNodeCount()
 }
 
 // ---- the deferred check ------------------------------------------------------------------------------------------------
-//
-// Each call that sets a count back asks for a check of its own 20 ms later. A check reports for every node, so those due in
-// the same millisecond are one; and a single timer waits for the first of them: fast traffic asks for thousands of
-// checks between two event points, and as many timers would freeze the event loop that has to serve them.
 
 void SDOMessageHandler::scheduleNodeCountCheck()
 {
-    const qint64 due = mClock.elapsed() + nodeCountCheckDelayMs;
-    if (!mDueNodeCountChecks.isEmpty() && mDueNodeCountChecks.constLast() == due)
-        return;
-    mDueNodeCountChecks.append(due);
-    if (mDueNodeCountChecks.size() == 1)
-        armNodeCountCheck(nodeCountCheckDelayMs);
-}
-
-void SDOMessageHandler::armNodeCountCheck(qint64 delayMs)
-{
-    QTimer::singleShot(static_cast<int>(delayMs), Qt::PreciseTimer, this, [this] { runDueNodeCountChecks(); });
-}
-
-void SDOMessageHandler::runDueNodeCountChecks()
-{
-    const GuestScope guest(mGuestLock.get());
+    // A check reports for every node, so those asked for in the same millisecond are one, a millisecond later than the first of
+    // them needs. Fast traffic asks for thousands between two event points; as many timers would freeze the event loop.
     const qint64 now = mClock.elapsed();
-    const auto firstLater = std::upper_bound(mDueNodeCountChecks.begin(), mDueNodeCountChecks.end(), now);
-    const bool anyDue = firstLater != mDueNodeCountChecks.begin();
-    mDueNodeCountChecks.erase(mDueNodeCountChecks.begin(), firstLater);
-    if (!mDueNodeCountChecks.isEmpty())
-        armNodeCountCheck(mDueNodeCountChecks.constFirst() - now);
-    if (anyDue)
-        checkNodeCount();
+    if (now == mNodeCountCheckScheduled)
+        return;
+    mNodeCountCheckScheduled = now;
+    QTimer::singleShot(nodeCountCheckDelayMs + 1, Qt::PreciseTimer, this, &SDOMessageHandler::checkNodeCount);
 }

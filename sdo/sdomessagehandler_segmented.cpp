@@ -5,6 +5,7 @@
 //                                    download runs             frame ignored                    yes      PE_DownloadRunning
 //  initiate upload response, e = 0   none                      followed from here               –        –
 //                                    upload runs               frame ignored                    yes      PE_UnexpectedResponse
+//  initiate download response        none                      answer to an expedited download  –        –
 //  segment request                   none of the direction     frame ignored                    yes      PE_NoTransfer
 //  segment response                  none of the direction     frame ignored                    yes      PE_UnexpectedResponse
 //  any of these                      runs, frame accepted      goes on, or its value reported   –        –
@@ -33,7 +34,7 @@ void SDOMessageHandler::handleDLSegmentedInitRequest(const CAN::CanRxMessage &ms
     auto *const analyzer =
         new SDOSegmentedDownloadAnalyzer(node, SDOHelper::getIndexOfSDOMessage(msg.mFrame),
                                          SDOHelper::getSubindexOfSDOMessage(msg.mFrame), msg.mTimeStamp.toDouble());
-    analyzer->setByteBudget(mBudget.get());
+    analyzer->setByteBudget(mSegmentBudget.get());
     mSegmentedDownloads.insert(node, analyzer);
     handleSegmentedDownloadResult(analyzer->handleNewMessage(Transfer::SMT_InitRequest, msg), node, msg.mMessageNumber);
 }
@@ -45,7 +46,7 @@ void SDOMessageHandler::handleUploadSegmentedInitResponse(unsigned char node, un
         return listAndReportError(msg, PE_UnexpectedResponse);
 
     auto *const analyzer = new SDOSegmentedUploadAnalyzer(node, index, subindex, msg.mTimeStamp.toDouble());
-    analyzer->setByteBudget(mBudget.get());
+    analyzer->setByteBudget(mSegmentBudget.get());
     mSegmentedUploads.insert(node, analyzer);
     handleSegmentedUploadResult(analyzer->handleNewMessage(Transfer::SMT_InitResponse, msg), node, msg.mMessageNumber);
 }

@@ -15,7 +15,7 @@
 /// | any                | initiate request  | –                                  | same             | Running  | –          |
 /// | WaitForInitRes     | initiate response | same index and subindex            | WaitForSegReq    | Running  | ObjectMismatch |
 /// | any other          | initiate response | never                              | same             | Error    | FaultyState |
-/// | WaitForSegReq      | segment request   | toggle = request toggle            | WaitForSegRes    | Running  | ToggleBitError |
+/// | WaitForSegReq      | segment request   | toggle = request toggle            | WaitForSegRes    | Running  | ToggleBitError, SizeError beyond the bound on bytes |
 /// | WaitForSegRes      | segment response  | toggle = response toggle           | WaitForSegReq    | Running  | ToggleBitError |
 /// | WaitForSegRes      | …after c = 1      | length = announced size, not 0     | same             | Finished | SizeError  |
 /// | any other          | segment frame     | never                              | same             | Error    | Undefined  |

@@ -11,8 +11,9 @@
 /// analyzer is gone the host moves the model to its own thread before it gives it to another analyzer.
 ///
 /// Threads: the operations are called by one thread at a time, under the library's lock: by the analysis thread, but
-/// reset() and getDeviceList() also by the thread in which the host resets the analysis. What the host's thread reads from the
-/// model meanwhile is for the model to protect. A model
+/// reset() also by the thread in which the host resets the analysis, and networkID() by the thread that clears the store.
+/// getMessageTypeDistribution() is called once, by the thread that constructs the analyzer. What the host's thread reads from
+/// the model meanwhile is for the model to protect. A model
 /// - must hold no lock while it emits a signal: a slot may call back into the analyzer;
 /// - must not call into the analyzer while it holds a lock that these operations need;
 /// - must not throw.

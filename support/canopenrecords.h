@@ -31,7 +31,7 @@ enum MessageType : quint32 {
     UNKNOWN = 0,          ///< none of the classes below
     SDO_REQ = 1,          ///< SDO, client to server (0x600 + node-ID)
     SDO_RES = 2,          ///< SDO, server to client (0x580 + node-ID)
-    SDO_SEGSTARTSTOP = 3, ///< used by classifiers of other hosts
+    SDO_SEGSTARTSTOP = 3, ///< not assigned; counts as unhandled
     SDO_ABORT = 4,        ///< SDO abort transfer, either direction
     SYNC = 5,             ///< synchronisation object
     SRDO = 6,             ///< safety-relevant data object (EN 50325-5)
@@ -45,19 +45,21 @@ enum MessageType : quint32 {
     LSS_RES = 14,         ///< layer setting services, from an LSS slave
     SDO_DYN_REQ = 15,     ///< request for a dynamic SDO connection
     FLYMA = 16,           ///< flying NMT master (CiA 302-2)
-    INFO = 17,            ///< used by classifiers of other hosts
+    INFO = 17,            ///< not assigned; counts as unhandled
     Sleep = 18,           ///< request to sleep
     GFC = 19              ///< global fail-safe command (EN 50325-5)
 };
 
 /// What is wrong with the frame that SDOMessageHandler::sigProtocolError names.
 enum SdoProtocolErrorType : quint32 {
-    PE_UnexpectedResponse = 0, ///< server frame that answers no open request and belongs to no running transfer
-    PE_RequestPending = 1,     ///< expedited download request for an object whose earlier request still waits
-    PE_DownloadRunning = 2,    ///< segmented download initiated while the node's segmented download is still followed
-    PE_NoTransfer = 3,         ///< segment request while no segmented transfer of that direction runs for the node
-    PE_UploadFailed = 4,       ///< a segmented upload broke the protocol and is given up
-    PE_DownloadFailed = 5      ///< a segmented download broke the protocol and is given up
+    PE_UnexpectedResponse =
+        0,                  ///< server frame that answers no open request and belongs to no running transfer, or that
+                            ///< opens a segmented upload while the node's last one is still followed
+    PE_RequestPending = 1,  ///< expedited download request for an object whose earlier request still waits
+    PE_DownloadRunning = 2, ///< segmented download initiated while the node's segmented download is still followed
+    PE_NoTransfer = 3,      ///< segment request while no segmented transfer of that direction runs for the node
+    PE_UploadFailed = 4,    ///< a segmented upload broke the protocol and is given up
+    PE_DownloadFailed = 5   ///< a segmented download broke the protocol and is given up
 };
 
 /// NMT state that a node announced, as CANopenNMTEvent::mEventCode carries it.
@@ -100,7 +102,7 @@ struct SDOBlockTransfer
     quint8 mSubindex = 0;
     /// blksize in force: segments a sub-block, as last announced.
     quint8 mBlockSize = 0;
-    /// Size in bytes that the initiate block download request announced; 0 when it announced none, and for uploads.
+    /// Size in bytes that the last initiate block download request announced, 0 when it announced none. An upload leaves it.
     quint32 mSize = 0;
     /// Segments counted in the current sub-block, modulo 256.
     quint8 mSequence = 0;
@@ -108,7 +110,7 @@ struct SDOBlockTransfer
     QByteArray mData;
     /// 1: block download (the client sends the segments), 0: block upload (the server sends them).
     quint32 mDirection = 0;
-    /// Client's CRC bit of a block download in place: 4 when it supports the CRC, else 0.
+    /// Client's CRC bit of the last block download in place: 4 when it supports the CRC, else 0. An upload leaves it.
     quint8 mCrcSupport = 0;
 };
 
@@ -177,7 +179,8 @@ inline uint qHash(const SDOEntryKey &key, uint seed = 0)
 /// One value of one finished transfer.
 struct SDOEntryValue
 {
-    /// A qlonglong for an expedited transfer, a QByteArray of the transferred bytes for a segmented one.
+    /// A qlonglong for an expedited transfer, a QByteArray of the transferred bytes for a segmented one; null when a server
+    /// answered a read as if it had been a write.
     QVariant value;
     /// Time of the request in seconds (CanTimeStamp::toDouble()); of a segmented upload that of the server's first answer.
     double reqTime = 0.0;
@@ -192,10 +195,16 @@ struct SDOEntryValue
     bool wasSDOWrite = false;
 };
 
+/// QVariant's own comparison converts: the bytes "42" would equal the number 42.
+inline bool sameValue(const QVariant &a, const QVariant &b)
+{
+    return a.userType() == b.userType() && a == b;
+}
+
 inline bool operator==(const SDOEntryValue &a, const SDOEntryValue &b)
 {
-    return a.value == b.value && a.reqTime == b.reqTime && a.respTime == b.respTime && a.canMsgNumber == b.canMsgNumber
-           && a.reqMsgNumber == b.reqMsgNumber && a.wasSDOWrite == b.wasSDOWrite;
+    return sameValue(a.value, b.value) && a.reqTime == b.reqTime && a.respTime == b.respTime
+           && a.canMsgNumber == b.canMsgNumber && a.reqMsgNumber == b.reqMsgNumber && a.wasSDOWrite == b.wasSDOWrite;
 }
 inline bool operator!=(const SDOEntryValue &a, const SDOEntryValue &b)
 {
@@ -228,7 +237,7 @@ inline bool operator==(const SDOEntry &a, const SDOEntry &b)
 {
     return static_cast<const SDOEntryKey &>(a) == static_cast<const SDOEntryKey &>(b) && a.text == b.text
            && a.number == b.number && a.flag == b.flag && a.requestTime == b.requestTime
-           && a.requestMsgNumber == b.requestMsgNumber && a.value == b.value && a.values == b.values;
+           && a.requestMsgNumber == b.requestMsgNumber && sameValue(a.value, b.value) && a.values == b.values;
 }
 inline bool operator!=(const SDOEntry &a, const SDOEntry &b)
 {

@@ -13,8 +13,9 @@
 /// that reads it runs is an error of the host; deleted in the analysis thread at an event point, or after the loop has
 /// ended, the analysis goes on without it.
 ///
-/// Threads: fetches come from analysis and parse threads, one at a time per analyzer, while the host's thread appends;
-/// implementations provide for that. No operation may wait for the analysis: it is called under the library's lock, which comes
+/// Threads: fetches come from analysis and parse threads, one at a time per analyzer, while the host's thread appends.
+/// getMessagesOfLine() comes in the thread that emits informAboutClearStart, within the emission; resetLinePositions() also in the
+/// thread that resets an analysis. Implementations provide for that. No operation may wait for the analysis: it is called under the library's lock, which comes
 /// before any lock of the store.
 ///
 /// Lines are numbered 0 to 254; 255 means every line where an operation of the library says so.

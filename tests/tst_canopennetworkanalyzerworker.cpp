@@ -42,6 +42,7 @@ private Q_SLOTS:
 
     void clearBetweenFetchAndCounting();
     void clearsWhilePaused();
+    void clearWhileRescuedFramesAreHandled();
     void clearWithoutUnreadFrames();
     void clearAtTheEventPoint();
     void clearLeavesNoFrameToTheSelfPause();
@@ -475,6 +476,28 @@ void TestWorker::clearsWhilePaused()
     QCOMPARE(mNetwork->takeCalls().join(QLatin1Char(' ')),
              QStringLiteral("pdo 185 pdo 185 pdo 185 pdo 285 pdo 285 pdo 385"));
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 3) + numbers(1, 2) + numbers(1, 1));
+}
+
+void TestWorker::clearWhileRescuedFramesAreHandled()
+{
+    mStore->appendTrace("185 01\n185 02\n185 03");
+    mStore->clear();
+    mStore->appendTrace("285 01\n285 02");
+    bool cleared = false;
+    mNetwork->inCall = [&](const QString &call) {
+        if (call != QLatin1String("frame 2") || cleared)
+            return;
+        cleared = true;
+        mStore->clear();
+        mStore->appendTrace("385 01");
+    };
+    mStore->afterFetch = [&](bool found, unsigned int) {
+        if (!found)
+            mWorker->stop();
+    };
+    resumeAndRun();
+    QCOMPARE(mNetwork->takeCalls().join(QLatin1Char(' ')),
+             QStringLiteral("pdo 185 pdo 185 pdo 185 pdo 285 pdo 285 pdo 385"));
 }
 
 void TestWorker::clearWithoutUnreadFrames()
