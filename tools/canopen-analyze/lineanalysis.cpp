@@ -39,7 +39,7 @@ public:
     LineFindings run();
 
 private:
-    void waitForEnd(LineWatcher &watcher, const CANopenNetworkAnalyzer &analyzer);
+    void waitForEnd(LineWatcher &watcher, const InMemoryCANopenNetwork &network);
     void takeRating(const CANopenNetworkAnalyzer &analyzer);
     void takeNodes(const InMemoryCANopenNetwork &network, const LineWatcher &watcher);
     QMap<quint8, quint8> mostDevices(const LineWatcher &watcher) const;
@@ -71,7 +71,7 @@ LineFindings LineAnalysis::run()
         CANopenNetworkAnalyzer analyzer(&network, &mStore);
         watcher.watch(analyzer, mStore, mFindings.line);
         analyzer.setAnalyzing(true);
-        waitForEnd(watcher, analyzer);
+        waitForEnd(watcher, network);
 
         takeRating(analyzer);
         takeNodes(network, watcher);
@@ -85,17 +85,12 @@ LineFindings LineAnalysis::run()
     return std::move(mFindings);
 }
 
-void LineAnalysis::waitForEnd(LineWatcher &watcher, const CANopenNetworkAnalyzer &analyzer)
+void LineAnalysis::waitForEnd(LineWatcher &watcher, const InMemoryCANopenNetwork &network)
 {
     constexpr int progressMs = 100;
     const std::string what = "Analysing " + mFindings.interface;
-    while (!watcher.waitForEnd(progressMs)) {
-        const auto classes = analyzer.messageTypeDistribution();
-        qint64 done = 0;
-        for (const unsigned int count : classes)
-            done += count;
-        mProgress.show(what, done, mFindings.frames);
-    }
+    while (!watcher.waitForEnd(progressMs))
+        mProgress.show(what, qint64(network.traffic().frames), mFindings.frames);
     mProgress.clear();
 }
 
