@@ -71,6 +71,7 @@ private Q_SLOTS:
     void memoryAfterAClear();
     void messageNumbers_data();
     void messageNumbers();
+    void bytesThatAFrameDoesNotHave();
     void noSuchLine();
     void linesInUse();
     void whatSlotsDoDuringAClear_data();
@@ -82,6 +83,8 @@ private Q_SLOTS:
     void slotOfTheEndMayCallAnything();
     void endIsAnnouncedOnceToTwoReaders();
     void readersWritersAndClears();
+    void recordingsOfOneFrame();
+    void countKeepsUpWithTheReader();
 
 private:
     static void readWhileOthersWrite(InMemoryDatachunkHandler &store, unsigned char line,
@@ -194,6 +197,27 @@ void tst_InMemoryDatachunkHandler::messageNumbers()
         QCOMPARE(fetched, numbers);
         store.clear();
     }
+}
+
+// A receiver that reuses its buffer leaves bytes of the frame before behind the data length.
+void tst_InMemoryDatachunkHandler::bytesThatAFrameDoesNotHave()
+{
+    InMemoryDatachunkHandler store;
+    CAN::CanMessage used;
+    std::fill(std::begin(used.mPayload), std::end(used.mPayload), quint8(0xEE));
+    for (int length : {0, 3, 8, 12, 61}) {
+        used.mDataLength = quint8(length);
+        store.append(0, used, CanTimeStamp());
+        const QByteArray expected =
+            QByteArray(length, char(0xEE)) + QByteArray(CAN::CanMessage::maxPayload - length, 0);
+        const CAN::CanRxMessage msg = store.messageAt(store.getMessageCount() - 1);
+        QCOMPARE(QByteArray(reinterpret_cast<const char *>(msg.mFrame.mPayload), expected.size()), expected);
+    }
+    used.mFlags = CAN::CanMessage::RemoteRequest;
+    used.mDataLength = 5;
+    store.append(0, used, CanTimeStamp());
+    QCOMPARE(DatachunkHandlerContract::describe(store.messageAt(5)),
+             QStringLiteral("0 flags 2 length 5 at 0: 00 00 00 00 00"));
 }
 
 void tst_InMemoryDatachunkHandler::noSuchLine()
@@ -507,6 +531,45 @@ void tst_InMemoryDatachunkHandler::readersWritersAndClears()
         reader.join();
     QCOMPARE(faults[0], QString());
     QCOMPARE(faults[1], QString());
+}
+
+// Each recording reuses the words of the one before, while the reader is about to read them.
+void tst_InMemoryDatachunkHandler::recordingsOfOneFrame()
+{
+    constexpr quint32 recordings = 200000;
+    InMemoryDatachunkHandler store;
+    std::atomic<bool> isOver = false;
+    int torn = 0;
+    std::thread reader([&] {
+        CAN::CanRxMessage msg;
+        for (unsigned int start = 0; !isOver;)
+            torn += store.getMessageOfLine(msg, 0, start) && isTorn(msg) ? 1 : 0;
+    });
+    for (quint32 n = 0; n < recordings; ++n) {
+        store.append(0, frameMadeOf(n), timeMadeOf(n));
+        store.clear();
+    }
+    isOver = true;
+    reader.join();
+    QCOMPARE(torn, 0);
+}
+
+void tst_InMemoryDatachunkHandler::countKeepsUpWithTheReader()
+{
+    constexpr unsigned int count = 100000;
+    InMemoryDatachunkHandler store;
+    int behind = 0;
+    std::thread reader([&] {
+        CAN::CanRxMessage msg;
+        for (unsigned int position = 0; position < count;) {
+            position += store.getMessageOfLine(msg, 0, position) ? 1 : 0;
+            behind += store.messageCountOfLine(0) < int(position) || store.getMessageCount() < int(position) ? 1 : 0;
+        }
+    });
+    for (quint32 n = 0; n < count; ++n)
+        store.append(0, frameMadeOf(n), timeMadeOf(n));
+    reader.join();
+    QCOMPARE(behind, 0);
 }
 
 QTEST_APPLESS_MAIN(tst_InMemoryDatachunkHandler)
