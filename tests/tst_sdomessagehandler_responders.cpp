@@ -1,0 +1,172 @@
+#include "sdo/sdomessagehandler.h"
+
+#include "sdowitness.h"
+
+#include <QElapsedTimer>
+#include <QtTest>
+
+/// Several devices under one node-ID: repeated answers, and the count check that follows 20 ms of real time later.
+class TestResponders : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void repeatedAnswers_data();
+    void repeatedAnswers();
+    void deferredCheckReportsTheWayBack();
+    void deferredCheckKeepsItsDistance();
+    void deferredCheckAfterAReset();
+    void countOf255Wraps();
+    void thousandsOfChecksDoNotFreezeTheEventLoop();
+
+private:
+    /// Serves events until the handler has reported, or 200 ms.
+    static QString waitForFindings(SdoWitness &sdo);
+};
+
+static const QByteArray read = R"(
+    605  40 00 10 00 00 00 00 00
+    +3ms 585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 0ms
+    )";
+
+void TestResponders::repeatedAnswers_data()
+{
+    // The traces are fed at once, so no deferred check comes in between.
+    QTest::addColumn<QByteArray>("trace");
+
+    QTest::newRow("second answer to a read") << read + QByteArray(R"(
+        +9ms 585  43 00 10 00 02 00 00 00 | 12 ms after the request => devices 5 x2 last 3)");
+    QTest::newRow("third answer: counted on") << read + QByteArray(R"(
+        585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3
+        585  43 00 10 00 02 00 00 00 => devices 5 x3 last 4)");
+    QTest::newRow("exactly 20 ms after the request") << read + QByteArray(R"(
+        +17ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
+    QTest::newRow("21 ms after the request: no repeat, and none later") << read + QByteArray(R"(
+        +18ms 585  43 00 10 00 02 00 00 00 => error 0, listed
+        +0ms 585  43 00 10 00 02 00 00 00 => error 0, listed)");
+    QTest::newRow("time runs backwards: a repeat") << read + QByteArray(R"(
+        +-10ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
+    QTest::newRow("slow server: its only answer is no repeat, its second one neither") << QByteArray(R"(
+        605  40 00 10 00 00 00 00 00
+        +47ms 585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 0ms
+        585  43 00 10 00 01 00 00 00       => error 0, listed)");
+    QTest::newRow("second answer to a write: the first repeat of a node without a count gives 1") << QByteArray(R"(
+        605  23 00 10 00 2A 00 00 00
+        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 42 asked 0ms
+        +9ms 585  60 00 10 00 00 00 00 00 => devices 5 x1 last 3)");
+    QTest::newRow("writes answered twice raise the count again and again") << QByteArray(R"(
+        605  23 00 10 00 2A 00 00 00
+        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 42 asked 0ms
+        585  60 00 10 00 00 00 00 00 => devices 5 x1 last 3
+        605  23 00 10 00 2B 00 00 00
+        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 43 asked 3ms
+        585  60 00 10 00 00 00 00 00 => devices 5 x2 last 6)");
+    QTest::newRow("repeated answer that opens a segmented upload counts as well") << read + QByteArray(R"(
+        585  41 00 10 00 0A 00 00 00 => devices 5 x2 last 3)");
+    QTest::newRow("another object was not answered yet") << read + QByteArray(R"(
+        585  43 01 10 00 02 00 00 00 => error 0, listed)");
+    QTest::newRow("another node") << read + QByteArray(R"(
+        586  43 00 10 00 02 00 00 00 => error 0, listed)");
+    QTest::newRow("segmented transfers take no part") << QByteArray(R"(
+        605  40 08 10 00 00 00 00 00
+        585  41 08 10 00 01 00 00 00
+        605  60 00 00 00 00 00 00 00
+        585  0D 41 00 00 00 00 00 00 => read 5 1008:00 = 41 asked 1ms
+        585  0D 41 00 00 00 00 00 00 => error 0, listed)");
+    QTest::newRow("read of the next object sets the count back, silently for now") << read + QByteArray(R"(
+        585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3
+        605  40 01 10 00 00 00 00 00
+        585  43 01 10 00 02 00 00 00 => read 5 1001:00 = 2 asked 5ms
+        585  43 01 10 00 02 00 00 00 | 2 again: nothing changed since the report)");
+    QTest::newRow("answer without a value byte can be repeated, too") << QByteArray(R"(
+        605  40 00 10 00 00 00 00 00
+        585  43 00 10 00
+        585  43 00 10 00 => devices 5 x2 last 3)");
+}
+
+void TestResponders::repeatedAnswers()
+{
+    QFETCH(QByteArray, trace);
+    SdoWitness sdo;
+    QCOMPARE(sdo.follow(trace), QString());
+}
+
+QString TestResponders::waitForFindings(SdoWitness &sdo)
+{
+    QString findings;
+    QElapsedTimer timer;
+    timer.start();
+    while (findings.isEmpty() && timer.elapsed() < 200) {
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 10);
+        findings = sdo.takeFindings();
+    }
+    return findings;
+}
+
+void TestResponders::deferredCheckReportsTheWayBack()
+{
+    SdoWitness sdo;
+    QCOMPARE(sdo.follow(read), QString());
+    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 0"));
+    QCOMPARE(sdo.follow(read), QString()); // the count is 1 already: no further check
+    QCOMPARE(waitForFindings(sdo), QString());
+
+    QCOMPARE(sdo.follow(read + "585  43 00 10 00 02 => devices 5 x2 last 3"), QString());
+    QCOMPARE(sdo.follow(read), QString());
+    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3"));
+}
+
+void TestResponders::deferredCheckKeepsItsDistance()
+{
+    SdoWitness sdo;
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(sdo.follow(read), QString());
+    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 0"));
+    QVERIFY(timer.nsecsElapsed() >= 20000000);
+}
+
+void TestResponders::deferredCheckAfterAReset()
+{
+    SdoWitness sdo;
+    QCOMPARE(sdo.follow(read + "585  43 00 10 00 02 => devices 5 x2 last 3"), QString());
+    sdo.handler.reset();
+    QCOMPARE(waitForFindings(sdo), QString());
+    // The reported counts start again; the last repeat's number stays.
+    QCOMPARE(sdo.follow("585  43 00 10 00 02 => error 0, listed"), QString());
+    QCOMPARE(sdo.follow(read), QString());
+    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3"));
+}
+
+void TestResponders::countOf255Wraps()
+{
+    SdoWitness sdo;
+    QCOMPARE(sdo.follow(read), QString());
+    const CAN::CanRxMessage repeat = frame("585 43 00 10 00 02");
+    for (int count = 2; count <= 255; ++count)
+        QCOMPARE(sdo.feed(repeat), QStringLiteral("devices 5 x%1 last 1").arg(count));
+    QCOMPARE(sdo.feed(repeat), QStringLiteral("devices 5 x0 last 1"));
+}
+
+void TestResponders::thousandsOfChecksDoNotFreezeTheEventLoop()
+{
+    // A read and its repeated answer by turns: each read asks for a check.
+    SdoWitness sdo;
+    const QList<CAN::CanRxMessage> messages = frames("605 40 00 10 00\n585 43 00 10 00 01\n585 43 00 10 00 01");
+    QElapsedTimer timer;
+    timer.start();
+    for (int i = 0; i < 50000; ++i) {
+        for (const CAN::CanRxMessage &message : messages)
+            sdo.handler.handleCANMessage(message);
+    }
+    const qint64 feeding = timer.restart();
+    sdo.handler.handleCANMessage(messages.at(0));
+    sdo.handler.handleCANMessage(messages.at(1));
+    sdo.takeFindings();
+    QVERIFY(waitForFindings(sdo).startsWith(QLatin1String("devices 5 x1")));
+    // With a timer for each call, serving them took many times as long as asking for them.
+    QVERIFY2(timer.elapsed() < feeding + 200, qPrintable(QString::number(timer.elapsed())));
+}
+
+QTEST_GUILESS_MAIN(TestResponders)
+#include "tst_sdomessagehandler_responders.moc"
