@@ -243,7 +243,8 @@ void SDOMessageHandler::handleDLExpeditedResponse(const CAN::CanRxMessage &msg, 
     if (pending == mPendingEntries.constEnd())
         return handleUnmatchedResponse(object, msg);
 
-    const SDOEntry request = *pending;
+    // A copy, since the table may be reset by a slot below.
+    const SDOEntry request = *pending; // NOLINT(performance-unnecessary-copy-initialization)
     SDOEntryValue written = answeredValue(request, msg, request.value);
     written.wasSDOWrite = true;
     if (mKeepFinishedTransfers)
@@ -285,7 +286,8 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
     if (pending == mPendingEntries.constEnd())
         return handleUnmatchedResponse(object, msg);
 
-    const SDOEntry request = *pending;
+    // A copy, since the table may be reset by a slot below.
+    const SDOEntry request = *pending; // NOLINT(performance-unnecessary-copy-initialization)
     removeFinishedSDOEntry(node, index, subindex);
     // Found before its value is read: an answer without value bytes still shows that the object was accessed.
     SDOEntry *const found = mKeepFinishedTransfers ? &foundEntry(request) : nullptr;
