@@ -117,8 +117,9 @@ struct SDOBlockTransfer
 } // namespace SDODef
 
 /// Display names of the message classes. Built when a library that includes it is loaded, like those of canrecords.h.
-static const QMap<CANopen::MessageType, QString> messageTypeNames = {
-    // clazy:exclude=non-pod-global-static
+// clang-format off
+static const QMap<CANopen::MessageType, QString> messageTypeNames = { // clazy:exclude=non-pod-global-static
+    // clang-format on
     {UNKNOWN, QStringLiteral("UNKNOWN")},
     {SDO_REQ, QStringLiteral("SDO_REQ")},
     {SDO_RES, QStringLiteral("SDO_RES")},

@@ -64,8 +64,9 @@ struct CANOPENANALYSIS_EXPORT CanRxMessage
 // plain constants. Hence the exceptions from the rule against such objects.
 
 /// Names of the bus errors that an error frame reports, by error number (1 to 8).
-static const QMap<unsigned char, QString> errorNames = {
-    // clazy:exclude=non-pod-global-static
+// clang-format off
+static const QMap<unsigned char, QString> errorNames = { // clazy:exclude=non-pod-global-static
+    // clang-format on
     {1, QStringLiteral("Stuff error")},          {2, QStringLiteral("Form error")},
     {3, QStringLiteral("Acknowledgment error")}, {4, QStringLiteral("Bit error")},
     {5, QStringLiteral("Fast data bit error")},  {6, QStringLiteral("CRC error")},
@@ -73,8 +74,9 @@ static const QMap<unsigned char, QString> errorNames = {
 };
 
 /// Payload lengths in bytes of the CAN FD data length codes 9 to 15, in that order.
-static const QList<unsigned char> fdPayloadLengths = {12, 16, 20, 24,
-                                                      32, 48, 64}; // clazy:exclude=non-pod-global-static
+// clang-format off
+static const QList<unsigned char> fdPayloadLengths = {12, 16, 20, 24, 32, 48, 64}; // clazy:exclude=non-pod-global-static
+// clang-format on
 
 } // namespace CAN
 
