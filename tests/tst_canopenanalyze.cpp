@@ -1,4 +1,4 @@
-#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -71,6 +71,7 @@ private Q_SLOTS:
     void standardInputAndFileAgree();
     void windowsLineEndsChangeNothing();
     void twoInterfacesAreTwoNetworks();
+    void manyInterfacesDoNotAddUpPauses();
     void onlyTheLineAskedFor();
     void rating();
     void messageNumbersCountAllInterfaces();
@@ -299,6 +300,19 @@ void TestCanopenAnalyze::twoInterfacesAreTwoNetworks()
     QCOMPARE(facts(run.line(1)["protocolErrors"].toArray(), {"frame", "kind"}), QStringList("2 unexpectedResponse"));
 }
 
+// A paused analysis sleeps for half a second at a time: neither the start nor the end of a line may wait for that.
+void TestCanopenAnalyze::manyInterfacesDoNotAddUpPauses()
+{
+    QByteArray log;
+    for (int i = 0; i < 60; ++i)
+        log += "(1.0) can" + QByteArray::number(i) + " 705#05\n";
+    QElapsedTimer timer;
+    timer.start();
+    const Run run = analyze({"--json", "-"}, log);
+    QCOMPARE(run.json()["interfaces"].toArray().size(), 60);
+    QVERIFY2(timer.elapsed() < 15000, qPrintable(QString::number(timer.elapsed())));
+}
+
 void TestCanopenAnalyze::onlyTheLineAskedFor()
 {
     const QByteArray log = "(1.0) can0 701#05\n(1.1) can1 702#05\n(1.2) can2 703#05\n";
@@ -330,7 +344,12 @@ void TestCanopenAnalyze::messageNumbersCountAllInterfaces()
 
 void TestCanopenAnalyze::longListsAreCut()
 {
-    const int cut = analyze({recording("mixed.log")}).out.count('\n');
+    const QString report = analyze({recording("mixed.log")}).out;
+    const int cut = report.count('\n');
+    QVERIFY(report.contains("  142  "));          // the first abort
+    QVERIFY(!report.contains("  162  "));         // the last one
+    QVERIFY(report.contains(" 2272  "));          // the latest access
+    QVERIFY(!report.contains("    8  0.432029")); // the first one
     const int all = analyze({"--all", recording("mixed.log")}).out.count('\n');
     QVERIFY2(cut <= 50, qPrintable(QString::number(cut)));
     QVERIFY2(all > 270 + 11, qPrintable(QString::number(all)));
@@ -384,6 +403,7 @@ void TestCanopenAnalyze::strangeNamesStayJson()
     const QByteArray log("(1.0) a\"b\\c\x01\xFF 705#05\n");
     const Run run = analyze({"--json", "-"}, log);
     QCOMPARE(run.status, 0);
+    QVERIFY(run.out.contains("\\u0001"));
     QCOMPARE(run.line(0)["interface"].toString(), QStringLiteral("a\"b\\c\x01") + QChar(QChar::ReplacementCharacter));
 }
 
