@@ -27,8 +27,10 @@ class SDOMessageHandler;
 ///
 /// Threads: lives in the thread that constructs it and is destroyed there, never in the analysis thread. The other
 /// operations may be called from any thread, also from slots directly connected to signals of the library or of the
-/// model. They wait for the frame in hand at most. They must not be called while holding a lock that the model or the
-/// store needs, nor from a thread that the analysis thread is waiting for (a blocking-queued connection).
+/// model. They wait for the frame in hand and for callers before them. They must not be called while holding a lock that the
+/// model or the store needs, nor from a thread that the analysis thread is waiting for (a blocking-queued connection; or two
+/// analyzers, each with a slot in its analysis thread that calls the other). The analyzer must not be destroyed in a slot
+/// that runs inside one of its operations.
 class CANOPENANALYSIS_EXPORT CANopenNetworkAnalyzer : public QObject
 {
     Q_OBJECT

@@ -109,11 +109,21 @@ void CANopenNetworkAnalyzerWorker::analyze()
         return;
     }
 
+    const QPointer<CANopenNetworkAnalyzerWorker> self(this);
     const std::shared_ptr<GuestLock> lock = mLock; // outlives a worker that is deleted at an event point
+    const LoopScope loop(*lock);
     CAN::CanRxMessage buffer;
-    lock->enterLoop();
     while (pass(buffer)) {}
-    lock->leaveLoop();
+    if (self)
+        endForGood();
+}
+
+/// Frames rescued for a loop that has ended would only take memory.
+void CANopenNetworkAnalyzerWorker::endForGood()
+{
+    mStopRequested = true;
+    mPendingMessages.clear();
+    mClearPending.exchange(false);
 }
 
 //  state      entered by                                               left by
@@ -131,14 +141,15 @@ bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffer)
     quint32 pauseState = 0;
     if (!sleepWhilePaused(pauseState))
         return false;
-    handleRescuedFrames();
-    if (mClearPending)
-        return mRunning; // cleared again meanwhile: those frames come before any of the new contents
+    if (handleRescuedFrames())
+        return mRunning; // a guest may have paused or cleared again meanwhile: nothing is fetched before a look at that
+    // Read before the fetch: frames appended before live reception was switched off are still looked for.
+    const bool live = CAN::CanRxMessage::mLiveMode;
     if (!mNetwork || !mDatachunkHandler) {
         mRunning = false;
-        return idle(pauseState);
+        return idle(pauseState, live);
     }
-    return fetch(buffer) ? analyzeFetched(buffer) : idle(pauseState);
+    return fetch(buffer) ? analyzeFetched(buffer) : idle(pauseState, live);
 }
 
 bool CANopenNetworkAnalyzerWorker::sleepWhilePaused(quint32 &pauseState)
@@ -177,12 +188,12 @@ bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame
     return mRunning;
 }
 
-bool CANopenNetworkAnalyzerWorker::idle(quint32 pauseState)
+bool CANopenNetworkAnalyzerWorker::idle(quint32 pauseState, bool wasLive)
 {
     if (!serveEvents(0, idleSleepUs))
         return false;
     // While the store is cleared an empty line is no end of a recording.
-    if (!CAN::CanRxMessage::mLiveMode && !mClearing)
+    if (!wasLive && !CAN::CanRxMessage::mLiveMode && !mClearing)
         mPauseState.compare_exchange_strong(pauseState, pauseState | pausedBit);
     return mRunning;
 }
@@ -205,10 +216,11 @@ bool CANopenNetworkAnalyzerWorker::serveEvents(unsigned long sleepBeforeMs, unsi
     return !self.isNull();
 }
 
-void CANopenNetworkAnalyzerWorker::handleRescuedFrames()
+/// Whether there were any.
+bool CANopenNetworkAnalyzerWorker::handleRescuedFrames()
 {
     if (!mClearPending)
-        return;
+        return false;
     mClearPending.exchange(false);
 
     // Taken out first: a clear that begins between two of them leaves its frames for the next pass.
@@ -218,6 +230,7 @@ void CANopenNetworkAnalyzerWorker::handleRescuedFrames()
         mLock->admitGuests();
         analyzeFrame(frame);
     }
+    return true;
 }
 
 void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame)
@@ -294,6 +307,7 @@ void CANopenNetworkAnalyzerWorker::startOver()
     mLinePosition = 0;
     if (mNetwork && mMessageTypeDistribution)
         mMessageTypeDistribution->clear();
+    lookAgain(); // at the end of its line, a loop that is not paused has to start over, not to pause itself
 }
 
 // ---- the store is cleared ----------------------------------------------------------------------------------------------
@@ -304,9 +318,13 @@ void CANopenNetworkAnalyzerWorker::onDatachunkClearStart()
     // A second start before the end of the clear would rescue the same frames again.
     if (!mNetwork || !mDatachunkHandler || mClearing)
         return;
+    if (!mStopRequested) // otherwise nobody would analyse them
+        rescueUnreadFrames();
     mClearing = true;
-    if (mStopRequested) // nobody will analyse them
-        return;
+}
+
+void CANopenNetworkAnalyzerWorker::rescueUnreadFrames()
+{
     const QList<CAN::CanRxMessage> rescued = mDatachunkHandler->getMessagesOfLine(line(), mLinePosition);
     if (rescued.isEmpty())
         return;

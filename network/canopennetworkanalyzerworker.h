@@ -25,6 +25,8 @@ class SDOMessageHandler;
 /// Owner: the analyzer. Threads: analyze() and handleMessage() belong to the analysis thread; stop(), setPause(),
 /// setAnalyzing(), reset(), reanalyze() and the const operations may be called from any thread. Between two frames the loop lets
 /// the waiting callers in, so they wait for a frame, not for a batch.
+///
+/// Must not be deleted while its loop runs, but in the analysis thread at an event point (by a queued call).
 class CANOPENANALYSIS_EXPORT CANopenNetworkAnalyzerWorker : public QObject
 {
     Q_OBJECT
@@ -103,10 +105,12 @@ private:
     bool sleepWhilePaused(quint32 &pauseState);
     bool fetch(CAN::CanRxMessage &buffer);
     bool analyzeFetched(const CAN::CanRxMessage &frame);
-    bool idle(quint32 pauseState);
+    bool idle(quint32 pauseState, bool wasLive);
     bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
 
-    void handleRescuedFrames();
+    bool handleRescuedFrames();
+    void rescueUnreadFrames();
+    void endForGood();
     void analyzeFrame(const CAN::CanRxMessage &frame);
     void handleSdoResponse(const CAN::CanRxMessage &frame);
     void handleEmergency(const CAN::CanRxMessage &frame);

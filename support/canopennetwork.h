@@ -18,7 +18,8 @@
 /// - must not call into the analyzer while it holds a lock that these operations need;
 /// - must not throw.
 /// Deleting a model in another thread than the analysis thread while the analysis loop runs is an error of the host;
-/// deleted in the analysis thread at an event point, or after the loop has ended, the analysis goes on without it.
+/// deleted in the analysis thread at an event point (by a queued call), or after the loop has ended, the analysis goes on
+/// without it; no other thread may be inside an operation of the analyzer or a clear of the store then.
 class CANOPENANALYSIS_EXPORT CANopenNetwork : public CANNetwork
 {
     Q_OBJECT

@@ -10,8 +10,8 @@
 /// The host's recording store: the frames of all CAN lines in recording order.
 ///
 /// Owner: the host. Users hold a QPointer and never delete it. Deleting the store in another thread while an analysis loop
-/// that reads it runs is an error of the host; deleted in the analysis thread at an event point, or after the loop has
-/// ended, the analysis goes on without it.
+/// that reads it runs is an error of the host; deleted in the analysis thread at an event point (by a queued call), or after
+/// the loop has ended, the analysis goes on without it; no other thread may be inside an operation of the analyzer then.
 ///
 /// Threads: fetches come from analysis and parse threads, one at a time per analyzer, while the host's thread appends.
 /// getMessagesOfLine() comes in the thread that emits informAboutClearStart, within the emission; resetLinePositions() also in the
@@ -48,7 +48,7 @@ public:
     /// \a position after each frame it gets. Whether positions count the line's frames or the whole recording's is the
     /// store's choice: in the second case it sets \a position to the place of the frame it returns.
     /// The loop asks again only after every earlier frame of the line was handled, so an answer false tells a store that its
-    /// line has been analysed to the end.
+    /// line has been analysed to the end. A store emits nothing within a fetch that returns true.
     virtual bool getMessageOfLine(CAN::CanRxMessage &msg, unsigned char line, unsigned int &position) = 0;
 
     /// Every frame of \a line from \a position on (counted as getMessageOfLine() does), in recording order.

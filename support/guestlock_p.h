@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 /// The lock of one analysis. The loop keeps it from frame to frame and lends it to guests between two frames:
 ///
@@ -15,7 +16,10 @@
 ///
 /// A mutex taken and released for every frame would cost more than a process-data frame itself and, since the loop takes it
 /// again at once, could keep a guest waiting for hundreds of thousands of frames. Here a frame costs the loop one read of
-/// a counter, and a guest waits for the frame in hand.
+/// a counter.
+///
+/// Everyone draws a ticket and is served in that order, the loop included: a guest waits for the frame in hand and for the
+/// guests before it, the loop for those guests who had arrived when it let them in, however many more come in the meantime.
 ///
 /// Re-entrant for whoever holds it, so a slot that runs under it can call any operation that enters it.
 /// Comes before every lock of the store and of the model.
@@ -28,77 +32,62 @@ public:
     ~GuestLock() = default;
 
     // ---- the loop's side: one thread, not re-entrant ---------------------------------------------------------------
-    void enterLoop()
-    {
-        mMutex.lock();
-        mHolder.store(thisThread(), std::memory_order_relaxed);
-    }
-
-    void leaveLoop()
-    {
-        mHolder.store(nullptr, std::memory_order_relaxed);
-        mMutex.unlock();
-    }
+    void enterLoop() { takeTurn(); }
+    void leaveLoop() { endTurn(); }
 
     /// Between two frames: lets everyone in who waits by now.
     void admitGuests()
     {
-        // mServed changes under the mutex only, which the loop holds; a guest that arrives just now gets in a frame later.
-        if (mArrived.load(std::memory_order_relaxed) != mServed)
-            waitForGuests();
+        // mServing changes at the end of a turn only, and it is the loop's; who draws a ticket just now is seen a frame later.
+        if (mTickets.load(std::memory_order_relaxed) == mServing + 1)
+            return;
+        endTurn();
+        takeTurn();
     }
 
     // ---- the guests' side: any thread ------------------------------------------------------------------------------
     void enter()
     {
         // Only the holder itself can find its own mark here, so no ordering is needed.
-        if (mHolder.load(std::memory_order_relaxed) == thisThread()) {
+        if (mHolder.load(std::memory_order_relaxed) == std::this_thread::get_id())
             ++mReentries;
-            return;
-        }
-        mArrived.fetch_add(1, std::memory_order_relaxed);
-        mMutex.lock();
-        ++mServed;
-        mHolder.store(thisThread(), std::memory_order_relaxed);
+        else
+            takeTurn();
     }
 
     void leave()
     {
-        if (mReentries > 0) {
+        if (mReentries > 0)
             --mReentries;
-            return;
-        }
-        mHolder.store(nullptr, std::memory_order_relaxed);
-        // Notified before the mutex is given back: afterwards the loop may end and the lock be destroyed.
-        mGuestServed.notify_one();
-        mMutex.unlock();
+        else
+            endTurn();
     }
 
 private:
-    void waitForGuests()
+    void takeTurn()
     {
-        // Those who arrive later wait for the next frame; otherwise two guests that take turns could stop the loop.
-        const quint32 waiting = mArrived.load(std::memory_order_relaxed);
-        mHolder.store(nullptr, std::memory_order_relaxed);
-        std::unique_lock<std::mutex> lock(mMutex, std::adopt_lock);
-        mGuestServed.wait(lock, [&] { return static_cast<qint32>(mServed - waiting) >= 0; });
-        lock.release();
-        mHolder.store(thisThread(), std::memory_order_relaxed);
+        std::unique_lock<std::mutex> lock(mMutex);
+        const quint32 ticket = mTickets.load(std::memory_order_relaxed);
+        mTickets.store(ticket + 1, std::memory_order_relaxed);
+        mTurnEnded.wait(lock, [&] { return mServing == ticket; });
+        mHolder.store(std::this_thread::get_id(), std::memory_order_relaxed);
     }
 
-    /// A mark that only the calling thread has.
-    static const void *thisThread()
+    void endTurn()
     {
-        static thread_local char mark;
-        return &mark;
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mHolder.store(std::thread::id(), std::memory_order_relaxed);
+        ++mServing;
+        // Notified under the mutex: once it is given back the next one may come to its end and the lock be destroyed.
+        mTurnEnded.notify_all();
     }
 
-    std::mutex mMutex;
-    std::condition_variable mGuestServed;
-    std::atomic<quint32> mArrived{0}; // guests that have ever asked for the lock
-    quint32 mServed = 0;              // guests that have ever got it; under mMutex
-    std::atomic<const void *> mHolder{nullptr};
-    int mReentries = 0; // of the holder; under mMutex
+    std::mutex mMutex; // held for a few instructions only, never while a turn lasts
+    std::condition_variable mTurnEnded;
+    std::atomic<quint32> mTickets{0}; // the next ticket; written under mMutex
+    quint32 mServing = 0;             // the ticket whose turn it is; written under mMutex, at the end of a turn
+    std::atomic<std::thread::id> mHolder{std::thread::id()};
+    int mReentries = 0; // of the holder, during its turn
 };
 
 /// Holds the lock as a guest for its scope; without a lock it does nothing.
@@ -120,6 +109,19 @@ public:
 
 private:
     GuestLock *const mLock;
+};
+
+/// The loop's own scope.
+class LoopScope
+{
+    Q_DISABLE_COPY_MOVE(LoopScope)
+
+public:
+    explicit LoopScope(GuestLock &lock) : mLock(lock) { mLock.enterLoop(); }
+    ~LoopScope() { mLock.leaveLoop(); }
+
+private:
+    GuestLock &mLock;
 };
 
 /// The loop gives its lock away for the scope: around sleeps and event processing.

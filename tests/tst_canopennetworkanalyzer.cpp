@@ -9,6 +9,7 @@
 #include <QtTest>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -35,6 +36,7 @@ private Q_SLOTS:
     void resetFromASlotInTheAnalysisThread();
     void modelMayCallBackInReset();
     void guestWaitsForAFrameNotForABatch();
+    void guestsAndLoopTakeTurns();
     void countersAreReadFromOneState();
     void copiesWhileFramesFlow();
     void deferredCountCheckBesideAReset();
@@ -292,17 +294,41 @@ void TestAnalyzer::guestWaitsForAFrameNotForABatch()
     QVERIFY2(waited[25] < 1000, qPrintable(QString::number(waited[25]) + QStringLiteral(" frames passed")));
 }
 
+void TestAnalyzer::guestsAndLoopTakeTurns()
+{
+    // Four threads that do nothing but read: neither the loop nor one of them is left behind by the others.
+    ScriptedStore store;
+    store.appendPdos(1000);
+    CountingNetwork network;
+    CANopenNetworkAnalyzer analyzer(&network, &store);
+    std::array<std::atomic<quint32>, 4> readings{};
+    std::vector<std::thread> readers;
+    for (std::atomic<quint32> &own : readings)
+        readers.emplace_back([&] {
+            while (network.frames < 1000) {
+                analyzer.ratingCounts();
+                ++own;
+            }
+        });
+    analyzer.setAnalyzing(true);
+    for (std::thread &reader : readers)
+        reader.join();
+    // Each reader that waits gets in between two frames; preemption between two readings costs it some.
+    for (const std::atomic<quint32> &own : readings)
+        QVERIFY2(own > 200, qPrintable(QString::number(own)));
+}
+
 void TestAnalyzer::countersAreReadFromOneState()
 {
     // An error control frame of the wrong length counts twice, so between two frames the counter is always even.
     ScriptedStore store;
-    for (int i = 0; i < 100000; ++i)
+    for (int i = 0; i < 20000; ++i)
         store.append(0, frame("705").mFrame, CanTimeStamp());
     CountingNetwork network;
     CANopenNetworkAnalyzer analyzer(&network, &store);
     analyzer.setAnalyzing(true);
     int readings = 0;
-    while (network.frames < 100000) {
+    while (network.frames < 20000) {
         QCOMPARE(analyzer.ratingCounts().value(CANopenNetworkAnalyzerWorker::RMT_ProtocolError) % 2, 0u);
         ++readings;
     }

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void startsPausedAndServesEvents();
     void recordingIsAnalysedToItsEnd();
     void liveLineIsPolledWithoutPause();
+    void endOfLiveReceptionLeavesNoFrameBehind();
     void eventsEvery5000Frames();
     void resumeAtTheEndOfTheRecordingIsNotLost_data();
     void resumeAtTheEndOfTheRecordingIsNotLost();
@@ -54,6 +55,9 @@ private Q_SLOTS:
     void resetInACallDropsTheRestOfTheFrame_data();
     void resetInACallDropsTheRestOfTheFrame();
     void rescuedFramesSurviveAReset();
+    void resetAtTheEndOfTheLineStartsOver();
+    void pauseAndStopWhileRescuedFramesAreHandled_data();
+    void pauseAndStopWhileRescuedFramesAreHandled();
 
     void missingModelOrStore_data();
     void missingModelOrStore();
@@ -357,6 +361,23 @@ void TestWorker::liveLineIsPolledWithoutPause()
     };
     resumeAndRun();
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 2));
+}
+
+void TestWorker::endOfLiveReceptionLeavesNoFrameBehind()
+{
+    CAN::CanRxMessage::mLiveMode = true;
+    int polls = 0;
+    mStore->afterFetch = [&](bool found, unsigned int) {
+        if (!found && ++polls == 3) {
+            // The loop has found nothing and not yet looked whether it may pause.
+            mStore->appendPdos(1);
+            CAN::CanRxMessage::mLiveMode = false;
+        }
+        if (polls == 4)
+            mWorker->stop();
+    };
+    resumeAndRun();
+    QCOMPARE(mNetwork->takeFrames(), numbers(1, 1));
 }
 
 void TestWorker::eventsEvery5000Frames()
@@ -706,6 +727,50 @@ void TestWorker::rescuedFramesSurviveAReset()
     resumeAndRun();
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 4) + numbers(1, 1));
     QCOMPARE(mNetwork->distribution.value(CANopen::PDO), 3u); // frames 3 and 4, and the new one
+}
+
+void TestWorker::resetAtTheEndOfTheLineStartsOver()
+{
+    mStore->appendPdos(3);
+    int ends = 0;
+    mStore->afterFetch = [&](bool found, unsigned int) {
+        if (found)
+            return;
+        if (++ends == 1)
+            mWorker->reset(); // not paused, so it goes on with the first frame
+        else
+            mWorker->stop();
+    };
+    resumeAndRun();
+    QCOMPARE(mNetwork->takeFrames(), numbers(1, 3) + numbers(1, 3));
+}
+
+void TestWorker::pauseAndStopWhileRescuedFramesAreHandled_data()
+{
+    QTest::addColumn<bool>("stop");
+    QTest::newRow("pause and reset: nothing new is analysed") << false;
+    QTest::newRow("stop") << true;
+}
+
+void TestWorker::pauseAndStopWhileRescuedFramesAreHandled()
+{
+    QFETCH(bool, stop);
+    mStore->appendTrace("185 01\n185 02");
+    mStore->clear();
+    mStore->appendTrace("285 01\n285 02");
+    mNetwork->inCall = [&](const QString &call) {
+        if (call != QLatin1String("pdo 185"))
+            return;
+        if (stop)
+            mWorker->stop();
+        mWorker->setPause(true);
+        mWorker->reset();
+    };
+    QTimer::singleShot(50, mWorker.get(), [&] { mWorker->stop(); }); // served in the pause
+    resumeAndRun();
+    QVERIFY(!mNetwork->takeCalls().contains(QStringLiteral("pdo 285")));
+    QCOMPARE(mNetwork->takeFrames(), numbers(1, 2));
+    QCOMPARE(mWorker->calculateRating(), qint16(0));
 }
 
 // ---- model, store or worker missing ------------------------------------------------------------------------------------
