@@ -74,6 +74,10 @@ public:
     /// Replaces maxCollectedBytes for this handler; takes effect with the next segment. \a bytes: 0 or more.
     void setCollectedBytesLimit(qint64 bytes);
 
+    /// Whether the deferred checks of the responder counts take place (they do at first). A handler that is fed in another
+    /// thread than the one it belongs to must do without them. Changes of the counts upwards are reported in either case.
+    void setDefersNodeCountChecks(bool defers) { mDefersNodeCountChecks = defers; }
+
     /// For the library's own loop: the lock under which it feeds this handler. The deferred check then enters as a
     /// guest. Without it the check takes no lock.
     void setGuestLock(std::shared_ptr<GuestLock> lock);
@@ -180,6 +184,7 @@ private:
     QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> mBlockTransfers;
     QList<unsigned int> mProtocolErrors;
     bool mKeepFinishedTransfers = false;
+    bool mDefersNodeCountChecks = true;
     quint32 mLastMultipleResponseMsgNumber = 0;
 
     // Counts reset(): tells a function that has emitted a signal whether a slot called it

@@ -71,7 +71,7 @@ void SDOMessageHandler::scheduleNodeCountCheck()
     // A check reports for every node, so those asked for in the same millisecond are one, a millisecond later than the first of
     // them needs. Fast traffic asks for thousands between two event points; as many timers would freeze the event loop.
     const qint64 now = mClock.elapsed();
-    if (now == mNodeCountCheckScheduled)
+    if (!mDefersNodeCountChecks || now == mNodeCountCheckScheduled)
         return;
     mNodeCountCheckScheduled = now;
     QTimer::singleShot(nodeCountCheckDelayMs + 1, Qt::PreciseTimer, this, &SDOMessageHandler::checkNodeCount);
