@@ -69,6 +69,10 @@ private:
     /// Runs the loop until something stops it; a loop that hangs is ended after two seconds and fails the test.
     void run();
     void resumeAndRun();
+    /// Resumes, and stops when the store has no further frame.
+    void runToTheEnd();
+    /// Has \a action run once at the event point of the 5000th frame, between its fetch and its analysis.
+    void atTheEventPoint(std::function<void()> action);
 
     QHash<unsigned int, CANopen::CANopenMessageDescription> mDescriptions;
     std::unique_ptr<RecordingNetwork> mNetwork;
@@ -109,6 +113,25 @@ void TestWorker::resumeAndRun()
 {
     mWorker->setAnalyzing(true);
     run();
+}
+
+void TestWorker::runToTheEnd()
+{
+    mStore->afterFetch = [&](bool found, unsigned int) {
+        if (!found)
+            mWorker->stop();
+    };
+    resumeAndRun();
+}
+
+void TestWorker::atTheEventPoint(std::function<void()> action)
+{
+    mNetwork->inCall = [this, action, posted = false](const QString &call) mutable {
+        if (call == QLatin1String("frame 4999") && !posted) {
+            posted = true;
+            QTimer::singleShot(0, this, action);
+        }
+    };
 }
 
 // ---- dispatch ----------------------------------------------------------------------------------------------------------
@@ -275,11 +298,7 @@ void TestWorker::rating()
     append("585 80 00 10 00", aborts);
     append("100", unhandled);
     append("585 60 00 10 00", errors);
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    runToTheEnd();
     QTEST(int(mWorker->calculateRating()), "rating");
     QCOMPARE(mWorker->ratingCounts().size(), (aborts > 0) + (unhandled > 0) + (errors > 0)); // reading adds nothing
 }
@@ -392,11 +411,7 @@ void TestWorker::eventsEvery5000Frames()
         if (analysed == 1 || analysed == 5001)
             QTimer::singleShot(0, mWorker.get(), [&] { analysedWhenServed << analysed; });
     };
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    runToTheEnd();
     // The event point of the 5000th frame lies between its fetch and its analysis.
     QCOMPARE(analysedWhenServed, (QList<quint32>{4999, 9999}));
     QCOMPARE(mNetwork->takeFrames().size(), 10001);
@@ -489,11 +504,7 @@ void TestWorker::clearsWhilePaused()
     mStore->clear(); // the first three are still not analysed
     mStore->clear(); // nothing new
     mStore->appendTrace("385 01");
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    runToTheEnd();
     QCOMPARE(mNetwork->takeCalls().join(QLatin1Char(' ')),
              QStringLiteral("pdo 185 pdo 185 pdo 185 pdo 285 pdo 285 pdo 385"));
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 3) + numbers(1, 2) + numbers(1, 1));
@@ -512,11 +523,7 @@ void TestWorker::clearWhileRescuedFramesAreHandled()
         mStore->clear();
         mStore->appendTrace("385 01");
     };
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    runToTheEnd();
     QCOMPARE(mNetwork->takeCalls().join(QLatin1Char(' ')),
              QStringLiteral("pdo 185 pdo 185 pdo 185 pdo 285 pdo 285 pdo 385"));
 }
@@ -546,20 +553,11 @@ void TestWorker::clearWithoutUnreadFrames()
 void TestWorker::clearAtTheEventPoint()
 {
     mStore->appendPdos(5003);
-    bool cleared = false;
-    mNetwork->inCall = [&](const QString &call) {
-        if (call == QLatin1String("frame 4999") && !cleared)
-            QTimer::singleShot(0, mWorker.get(), [&] { // served while frame 5000 is in hand
-                cleared = true;
-                mStore->clear();
-                mStore->appendPdos(2);
-            });
-    };
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    atTheEventPoint([&] {
+        mStore->clear();
+        mStore->appendPdos(2);
+    });
+    runToTheEnd();
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 5003) + numbers(1, 2));
 }
 
@@ -650,22 +648,8 @@ void TestWorker::restartAtTheEventPointDropsTheFrameInHand()
 {
     QFETCH(bool, reanalyze);
     mStore->appendPdos(5001);
-    bool restarted = false;
-    mNetwork->inCall = [&](const QString &call) {
-        if (call == QLatin1String("frame 4999") && !restarted)
-            QTimer::singleShot(0, mWorker.get(), [&] {
-                restarted = true;
-                if (reanalyze)
-                    mWorker->reanalyze();
-                else
-                    mWorker->reset();
-            });
-    };
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    atTheEventPoint([&] { reanalyze ? mWorker->reanalyze() : mWorker->reset(); });
+    runToTheEnd();
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 4999) + numbers(1, 5001));
     QCOMPARE(mNetwork->distribution.value(CANopen::PDO), 5001u);
 }
@@ -720,11 +704,7 @@ void TestWorker::rescuedFramesSurviveAReset()
         if (call == QLatin1String("frame 2"))
             mWorker->reset(); // drops the rest of the rescued frame in hand, and no other
     };
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found)
-            mWorker->stop();
-    };
-    resumeAndRun();
+    runToTheEnd();
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 4) + numbers(1, 1));
     QCOMPARE(mNetwork->distribution.value(CANopen::PDO), 3u); // frames 3 and 4, and the new one
 }
@@ -806,38 +786,35 @@ void TestWorker::missingModelOrStore()
 void TestWorker::modelOrStoreVanishes_data()
 {
     QTest::addColumn<QString>("what");
-    QTest::addColumn<bool>("atTheEventPoint");
-    QTest::newRow("model, at the event point: the frame in hand must not reach it") << "model" << true;
-    QTest::newRow("store, at the event point") << "store" << true;
-    QTest::newRow("store, while a frame is recorded") << "store" << false;
+    QTest::addColumn<int>("recorded");
+    QTest::newRow("model, at the event point: the frame in hand must not reach it") << "model" << 4999;
+    QTest::newRow("store, at the event point") << "store" << 5000;
+    QTest::newRow("store, while a frame is recorded") << "store in a call" << 4999;
 }
 
 void TestWorker::modelOrStoreVanishes()
 {
     QFETCH(QString, what);
-    QFETCH(bool, atTheEventPoint);
-    const auto vanish = [&, what] {
-        if (what == QLatin1String("model"))
-            mNetwork.reset();
-        else
-            mStore.reset();
-    };
     mStore->appendPdos(5001);
     QList<quint32> recorded;
-    mNetwork->inCall = [&](const QString &call) {
-        if (call == QLatin1String("frame 4999")) {
-            if (atTheEventPoint)
-                QTimer::singleShot(0, mWorker.get(), vanish);
-            else
-                vanish();
-        }
-        if (call.startsWith(QLatin1String("frame")))
-            recorded << call.midRef(6).toUInt();
-    };
-    if (what == QLatin1String("model"))
+    if (what == QLatin1String("model")) {
         QTest::ignoreMessage(QtDebugMsg, "void CANopenNetworkAnalyzerWorker::analyze() Line: 171 ¯\\_(ツ)_/¯");
+        atTheEventPoint([&] {
+            recorded = mNetwork->takeFrames();
+            mNetwork.reset();
+        });
+    } else if (what == QLatin1String("store")) {
+        atTheEventPoint([&] { mStore.reset(); });
+    } else {
+        mNetwork->inCall = [&](const QString &call) {
+            if (call == QLatin1String("frame 4999"))
+                mStore.reset();
+        };
+    }
     resumeAndRun(); // ends by itself
-    QCOMPARE(recorded.constLast(), what == QLatin1String("store") && atTheEventPoint ? 5000u : 4999u);
+    if (mNetwork)
+        recorded = mNetwork->takeFrames();
+    QTEST(recorded.size(), "recorded");
     mWorker->reset();
     mWorker->reanalyze();
     QCOMPARE(mWorker->calculateRating(), qint16(0));
@@ -846,10 +823,7 @@ void TestWorker::modelOrStoreVanishes()
 void TestWorker::workerDeletedAtAnEventPoint()
 {
     mStore->appendPdos(5001);
-    mNetwork->inCall = [&](const QString &call) {
-        if (call == QLatin1String("frame 4999"))
-            QTimer::singleShot(0, this, [&] { mWorker.reset(); });
-    };
+    atTheEventPoint([&] { mWorker.reset(); });
     mWorker->setAnalyzing(true);
     mWorker->analyze(); // must return and touch nothing of the worker
     QVERIFY(!mWorker);
