@@ -71,6 +71,7 @@ private:
     void judge(ProtocolFault &fault, const CAN::CanRxMessage &msg) const;
 
     LineFindings &mFindings;
+    bool mHasLooked = false;
     std::vector<SdoAccess>::iterator mNextAccess;
     std::size_t mNextFault = 0;
     const std::size_t mKnownFaults;                 // those behind them were added here
@@ -80,6 +81,10 @@ private:
 
 void FrameScan::look(const CAN::CanRxMessage &msg)
 {
+    if (!mHasLooked)
+        mFindings.first = msg.mTimeStamp;
+    mHasLooked = true;
+    mFindings.last = msg.mTimeStamp;
     bool isAbort = false;
     const CANopen::MessageType type = COHelper::getMessageType(msg.mFrame, isAbort);
     if (isAbort) {
@@ -164,12 +169,14 @@ void FrameScan::markAnsweredRequests()
 void scanFrames(DatachunkHandler &store, LineFindings &findings)
 {
     FrameScan scan(findings);
-    CAN::CanRxMessage msg;
-    for (unsigned int position = 0; store.getMessageOfLine(msg, findings.line, position); ++position) {
-        if (position == 0)
-            findings.first = msg.mTimeStamp;
-        findings.last = msg.mTimeStamp;
-        scan.look(msg);
+    if (findings.line == allLines) {
+        const int count = store.getMessageCount();
+        for (int i = 0; i < count; ++i)
+            scan.look(store.messageAt(i));
+    } else {
+        CAN::CanRxMessage msg;
+        for (unsigned int position = 0; store.getMessageOfLine(msg, findings.line, position); ++position)
+            scan.look(msg);
     }
     scan.markAnsweredRequests();
 }

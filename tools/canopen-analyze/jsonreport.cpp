@@ -29,7 +29,7 @@ void JsonReport::list(const char *key, const Findings &findings, Writer write)
 void JsonReport::frame(quint32 frameNumber, CanTimeStamp time)
 {
     number("frame", frameNumber);
-    mJson.key("time").raw(Format::seconds(time.toNSecs() - mRecording.first().toNSecs()));
+    mJson.key("time").raw(Format::seconds(time.toNSecs() - mRecording.first.toNSecs()));
 }
 
 void JsonReport::object(quint8 node, quint16 index, quint8 subindex)
@@ -47,12 +47,12 @@ void JsonReport::hex(const char *key, quint32 value, int digits)
 void JsonReport::begin()
 {
     mJson.beginObject();
-    mJson.key("file").value(mRecording.name());
-    number("frames", mRecording.frameCount());
-    number("badLines", qint64(mRecording.badLines()));
-    mJson.key("startTime").raw(Format::seconds(mRecording.first().toNSecs()));
-    mJson.key("startTimeUtc").value(isoTime(mRecording.first()));
-    mJson.key("duration").raw(Format::seconds(mRecording.last().toNSecs() - mRecording.first().toNSecs()));
+    mJson.key("file").value(mRecording.name);
+    number("frames", mRecording.frames);
+    number("badLines", qint64(mRecording.badLines));
+    mJson.key("startTime").raw(Format::seconds(mRecording.first.toNSecs()));
+    mJson.key("startTimeUtc").value(isoTime(mRecording.first));
+    mJson.key("duration").raw(Format::seconds(mRecording.last.toNSecs() - mRecording.first.toNSecs()));
     mJson.key("interfaces").beginList();
 }
 
@@ -64,11 +64,7 @@ void JsonReport::end()
 
 void JsonReport::line(const LineFindings &findings)
 {
-    mJson.beginObject();
-    mJson.key("interface").value(QString::fromStdString(findings.interface));
-    number("line", findings.line);
-    number("frames", findings.frames);
-    mJson.key("duration").raw(Format::seconds(findings.last.toNSecs() - findings.first.toNSecs()));
+    beginLine(findings);
     rating(findings);
     classes(findings);
     nodes(findings);
@@ -80,6 +76,23 @@ void JsonReport::line(const LineFindings &findings)
     emergencies(findings);
     nmtCommands(findings);
     mJson.endObject();
+}
+
+void JsonReport::sdoOnly(const LineFindings &findings)
+{
+    beginLine(findings);
+    accesses(findings);
+    faults(findings);
+    mJson.endObject();
+}
+
+void JsonReport::beginLine(const LineFindings &findings)
+{
+    mJson.beginObject();
+    mJson.key("interface").value(QString::fromStdString(findings.interface));
+    number("line", findings.line);
+    number("frames", findings.frames);
+    mJson.key("duration").raw(Format::seconds(findings.last.toNSecs() - findings.first.toNSecs()));
 }
 
 void JsonReport::rating(const LineFindings &findings)

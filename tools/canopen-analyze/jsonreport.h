@@ -5,18 +5,22 @@
 #include "jsonwriter.h"
 #include "recording.h"
 
-/// The whole report as one JSON document; docs/canopen-analyze.md lists its keys. Call begin(), then line() for each line, then
-/// end().
+/// The whole report as one JSON object; docs/canopen-analyze.md lists its keys. Call begin(), then line() or sdoOnly() for each
+/// line, then end().
 class JsonReport
 {
 public:
-    JsonReport(Output &output, const Recording &recording) : mJson(output), mRecording(recording) {}
+    /// \a json and \a recording must outlive the report.
+    JsonReport(JsonWriter &json, const RecordingFacts &recording) : mJson(json), mRecording(recording) {}
 
     void begin();
     void line(const LineFindings &findings);
+    /// What the SDO analysis alone found.
+    void sdoOnly(const LineFindings &findings);
     void end();
 
 private:
+    void beginLine(const LineFindings &findings);
     void rating(const LineFindings &findings);
     void penalty(const char *key, quint32 count, int points);
     void classes(const LineFindings &findings);
@@ -38,8 +42,8 @@ private:
     void number(const char *key, qint64 value) { mJson.key(key).value(value); }
     void hex(const char *key, quint32 value, int digits);
 
-    JsonWriter mJson;
-    const Recording &mRecording;
+    JsonWriter &mJson;
+    const RecordingFacts &mRecording;
 };
 
 #endif // CANOPENANALYZE_JSONREPORT_H

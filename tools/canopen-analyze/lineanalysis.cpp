@@ -4,6 +4,7 @@
 #include "inmemory/inmemorycanopennetwork.h"
 #include "linewatcher.h"
 #include "network/canopennetworkanalyzer.h"
+#include "sdoaccesses.h"
 
 #include <algorithm>
 #include <iterator>
@@ -12,16 +13,6 @@ namespace {
 
 // The command specifier of an SDO frame: the upper three bits of byte 0.
 constexpr quint8 specifierMask = 0xE0;
-
-FrameRef refOf(const CAN::CanRxMessage &msg)
-{
-    return {msg.mMessageNumber, msg.mTimeStamp};
-}
-
-CAN::CanRxMessage frameOfNumber(const InMemoryDatachunkHandler &store, quint32 number)
-{
-    return store.messageAt(int(number - store.firstMessageNumber()));
-}
 
 template<typename Finding>
 void sortByFrame(std::vector<Finding> &findings)
@@ -58,7 +49,7 @@ private:
 LineAnalysis::LineAnalysis(Recording &recording, quint8 line, Progress &progress)
     : mStore(recording.store()), mProgress(progress)
 {
-    mFindings.interface = recording.interfaces()[line];
+    mFindings.interface = recording.facts().interfaces[line];
     mFindings.line = line;
     mFindings.frames = quint32(mStore.messageCountOfLine(line));
 }
@@ -144,22 +135,11 @@ void LineAnalysis::takeAccesses(const InMemoryCANopenNetwork &network)
         const SDO::SDOEntryKey &key = object.key();
         ++mFindings.objectsOfNode[key.node];
         for (const SDO::SDOEntryValue &value : object.value()) {
-            SdoAccess access;
-            access.object = {key.node, key.index, key.subindex};
-            access.response.number = value.canMsgNumber;
-            access.wasWrite = value.wasSDOWrite;
-            if (value.value.userType() == QMetaType::QByteArray) {
-                access.bytes = value.value.toByteArray();
-            } else {
-                access.expeditedBytes = sizeof(access.number); // the frame tells how many there were
-                access.number = quint32(value.value.toLongLong());
-            }
-            mFindings.accesses.push_back(std::move(access));
+            mFindings.accesses.push_back(accessOf(key, value));
             mLastResponse[key] = std::max(mLastResponse.value(key), value.canMsgNumber);
         }
     }
-    std::sort(mFindings.accesses.begin(), mFindings.accesses.end(),
-              [](const SdoAccess &a, const SdoAccess &b) { return a.response.number < b.response.number; });
+    sortByResponse(mFindings.accesses);
 }
 
 void LineAnalysis::takeFaults(const QList<unsigned int> &listed, const LineWatcher &watcher)

@@ -1,23 +1,23 @@
-#include "jsonreport.h"
 #include "lineanalysis.h"
+#include "offlinebatch.h"
 #include "options.h"
 #include "recording.h"
-#include "textreport.h"
+#include "reports.h"
 
 #include <QCoreApplication>
 
 #include <cstdio>
+#include <functional>
 #include <new>
-#include <unistd.h>
 
 namespace {
 
-constexpr int statusNothingDone = 2;
+constexpr int statusNotDone = 2;
 
 int complain(const QString &problem)
 {
     std::fprintf(stderr, "canopen-analyze: %s\n", qPrintable(problem));
-    return statusNothingDone;
+    return statusNotDone;
 }
 
 // The library tells at debug level which way it took; that is for its developers.
@@ -27,61 +27,59 @@ void printWarnings(QtMsgType type, const QMessageLogContext &, const QString &te
         std::fprintf(stderr, "canopen-analyze: %s\n", qPrintable(text));
 }
 
-// The CAN lines that the user asked for. A name that does not occur is the problem.
-std::vector<quint8> chosenLines(const Options &options, const Recording &recording, QString &problem)
+// Reads, analyses and reports one recording. Returns why it could not be done, or an empty text.
+QString analyseRecording(const QString &fileName, const Options &options, Progress &progress, Reports &reports)
 {
-    const auto &interfaces = recording.interfaces();
-    QStringList names;
-    for (const std::string &name : interfaces)
-        names += QString::fromStdString(name);
-    for (const QString &line : options.lines) {
-        if (!names.contains(line))
-            problem = QStringLiteral("There is no interface %1 in %2, only %3.")
-                          .arg(line, recording.name(), names.join(QLatin1String(", ")));
-    }
-    std::vector<quint8> lines;
-    for (int line = 0; line < names.size(); ++line) {
-        if (options.lines.isEmpty() || options.lines.contains(names.at(line)))
-            lines.push_back(quint8(line));
-    }
-    return lines;
+    Recording recording(progress);
+    QString problem = recording.load(fileName);
+    if (!problem.isEmpty())
+        return problem;
+    const std::vector<quint8> lines = linesNamed(options.lines, recording.facts(), problem);
+    if (!problem.isEmpty())
+        return problem;
+    reports.begin(recording.facts());
+    for (const quint8 line : lines)
+        reports.line(analyseLine(recording, line, progress));
+    reports.end();
+    return {};
 }
 
-void reportText(Output &output, const Options &options, Recording &recording, const std::vector<quint8> &lines,
-                Progress &progress)
+QString reportParsed(const OfflineResult &parsed, Reports &reports)
 {
-    const bool colours = isatty(STDOUT_FILENO) && qEnvironmentVariableIsEmpty("NO_COLOR");
-    TextReport report(output, recording, {colours, options.all});
-    report.head();
-    for (const quint8 line : lines)
-        report.line(analyseLine(recording, line, progress));
+    if (!parsed.problem.isEmpty())
+        return parsed.problem;
+    reports.begin(parsed.facts);
+    for (const LineFindings &line : parsed.lines)
+        reports.line(line);
+    reports.end();
+    return {};
 }
 
-void reportJson(Output &output, Recording &recording, const std::vector<quint8> &lines, Progress &progress)
+int reportEach(const Options &options, Reports &reports, const std::function<QString(int)> &reportOne)
 {
-    JsonReport report(output, recording);
-    report.begin();
-    for (const quint8 line : lines)
-        report.line(analyseLine(recording, line, progress));
-    report.end();
+    int status = 0;
+    for (int i = 0; i < options.fileNames.size(); ++i) {
+        const QString problem = reportOne(i);
+        if (!problem.isEmpty())
+            status = complain(problem);
+    }
+    return reports.finish() ? status : complain(QStringLiteral("The report could not be written."));
 }
 
 int analyse(const Options &options)
 {
     Progress progress;
-    Recording recording(progress);
-    QString problem = recording.load(options.fileName);
-    if (!problem.isEmpty())
-        return complain(problem);
-    const std::vector<quint8> lines = chosenLines(options, recording, problem);
-    if (!problem.isEmpty())
-        return complain(problem);
-    Output output(stdout);
-    if (options.json)
-        reportJson(output, recording, lines, progress);
-    else
-        reportText(output, options, recording, lines, progress);
-    return output.finish() ? 0 : complain(QStringLiteral("The report could not be written."));
+    Reports reports(options);
+    return reportEach(options, reports,
+                      [&](int i) { return analyseRecording(options.fileNames.at(i), options, progress, reports); });
+}
+
+int parse(const Options &options)
+{
+    Progress progress;
+    Reports reports(options);
+    OfflineBatch batch(options, progress);
+    return reportEach(options, reports, [&](int i) { return reportParsed(batch.take(std::size_t(i)), reports); });
 }
 
 int run(const QStringList &arguments)
@@ -91,10 +89,10 @@ int run(const QStringList &arguments)
     if (!problem.isEmpty())
         return complain(problem);
     if (options.help)
-        return std::fputs(Options::helpText(), stdout) < 0 ? statusNothingDone : 0;
+        return std::fputs(Options::helpText(), stdout) < 0 ? statusNotDone : 0;
     if (options.version)
-        return std::puts("canopen-analyze " CANOPENANALYZE_VERSION) < 0 ? statusNothingDone : 0;
-    return analyse(options);
+        return std::puts("canopen-analyze " CANOPENANALYZE_VERSION) < 0 ? statusNotDone : 0;
+    return options.offline ? parse(options) : analyse(options);
 }
 
 } // namespace
@@ -107,6 +105,6 @@ int main(int argc, char **argv)
     try {
         return run(QCoreApplication::arguments().mid(1));
     } catch (const std::bad_alloc &) {
-        return complain(QStringLiteral("There is not enough memory for this recording."));
+        return complain(QStringLiteral("There is not enough memory."));
     }
 }

@@ -7,11 +7,14 @@
 /// What the user asked for.
 struct Options
 {
-    QString fileName;
+    /// At least one, unless something else than an analysis was asked for; at most one is standard input (`-`).
+    QStringList fileNames;
     /// Names of the interfaces to analyse; empty: every one.
     QStringList lines;
     bool all = false;
     bool json = false;
+    /// The SDO analysis alone.
+    bool offline = false;
     /// Asked for instead of an analysis.
     bool help = false;
     bool version = false;

@@ -22,6 +22,7 @@ void Progress::show(const std::string &what, qint64 done, qint64 total)
 {
     if (!mIsWatched)
         return;
+    const std::lock_guard<std::mutex> lock(mMutex);
     const auto now = std::chrono::steady_clock::now();
     if (now < mNext)
         return;
@@ -37,6 +38,19 @@ void Progress::show(const std::string &what, qint64 done, qint64 total)
 }
 
 void Progress::clear()
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    wipe();
+}
+
+void Progress::message(const QString &text)
+{
+    const std::lock_guard<std::mutex> lock(mMutex);
+    wipe();
+    std::fprintf(stderr, "%s\n", qPrintable(text));
+}
+
+void Progress::wipe()
 {
     if (mIsShown)
         std::fputs("\r\033[K", stderr);

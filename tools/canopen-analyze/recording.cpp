@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -39,22 +40,45 @@ bool openLog(QFile &file, const QString &fileName)
 
 } // namespace
 
+Recording::Recording(Progress &progress, std::shared_ptr<WorkDone> done)
+    : mProgress(progress),
+      mShowsReading(!done),
+      mDone(done ? std::move(done) : std::make_shared<WorkDone>()),
+      mReader(*this),
+      mStore(mDone->framesFetched)
+{
+}
+
 QString Recording::load(const QString &fileName)
 {
-    const bool isInput = isStandardInput(fileName);
-    mName = isInput ? QStringLiteral("standard input") : fileName;
-    if (!isInput && QFileInfo(fileName).isDir())
-        return QStringLiteral("%1 is a directory, not a candump log.").arg(mName);
+    mFacts.name = isStandardInput(fileName) ? QStringLiteral("standard input") : fileName;
+    QString problem;
+    try {
+        problem = readFrom(fileName);
+    } catch (const std::bad_alloc &) {
+        problem = QStringLiteral("There is not enough memory for %1.").arg(mFacts.name);
+    }
+    mProgress.clear();
+    if (mFacts.badLines > badLinesShown)
+        mProgress.message(QStringLiteral("%1: %2 more lines could not be read.")
+                              .arg(mFacts.name, QString::number(mFacts.badLines - badLinesShown)));
+    mFacts.interfaces = mReader.interfaces();
+    mFacts.frames = mReader.frameCount();
+    mDone->frames = mFacts.frames;
+    mFacts.lines = mReader.lineCount();
+    if (problem.isEmpty() && mFacts.frames == 0)
+        problem = whyNothingWasFound();
+    return problem;
+}
+
+QString Recording::readFrom(const QString &fileName)
+{
+    if (!isStandardInput(fileName) && QFileInfo(fileName).isDir())
+        return QStringLiteral("%1 is a directory, not a candump log.").arg(fileName);
     QFile file;
     if (!openLog(file, fileName))
-        return QStringLiteral("Cannot open %1: %2.").arg(mName, file.errorString());
-    const QString problem = readAll(file, file.isSequential() ? 0 : file.size());
-    mProgress.clear();
-    if (mBadLines > badLinesShown)
-        std::fprintf(stderr, "%s: %llu more lines could not be read.\n", qPrintable(mName), mBadLines - badLinesShown);
-    if (!problem.isEmpty())
-        return problem;
-    return frameCount() == 0 ? whyNothingWasFound() : QString();
+        return QStringLiteral("Cannot open %1: %2.").arg(mFacts.name, file.errorString());
+    return readAll(file, file.isSequential() ? 0 : file.size());
 }
 
 QString Recording::readAll(QIODevice &device, qint64 size)
@@ -64,7 +88,7 @@ QString Recording::readAll(QIODevice &device, qint64 size)
     for (;;) {
         const qint64 count = device.read(block.get(), blockSize);
         if (count < 0)
-            return QStringLiteral("Cannot read %1: %2.").arg(mName, device.errorString());
+            return QStringLiteral("Cannot read %1: %2.").arg(mFacts.name, device.errorString());
         if (count == 0)
             break;
         if (done == 0)
@@ -73,20 +97,23 @@ QString Recording::readAll(QIODevice &device, qint64 size)
             return whyNothingWasFound();
         mReader.feed(block.get(), std::size_t(count));
         done += count;
-        mProgress.show("Reading", done, size);
+        mDone->bytesRead = done;
+        if (mShowsReading)
+            mProgress.show("Reading", done, size);
     }
     mReader.finish();
-    return mStoreFull ? QStringLiteral("%1 holds more frames than can be analysed at once.").arg(mName) : QString();
+    return mStoreFull ? QStringLiteral("%1 holds more frames than can be analysed at once.").arg(mFacts.name)
+                      : QString();
 }
 
 QString Recording::whyNothingWasFound() const
 {
     if (mLooksCompressed)
-        return QStringLiteral("%1 is compressed; try: zcat FILE | canopen-analyze -").arg(mName);
-    if (mBadLines == 0)
-        return QStringLiteral("%1 holds no frames.").arg(mName);
+        return QStringLiteral("%1 is compressed; try: zcat FILE | canopen-analyze -").arg(mFacts.name);
+    if (mFacts.badLines == 0)
+        return QStringLiteral("%1 holds no frames.").arg(mFacts.name);
     return QStringLiteral("%1 holds no frames as candump -l writes them: (seconds.fraction) interface ID#DATA")
-        .arg(mName);
+        .arg(mFacts.name);
 }
 
 void Recording::frame(quint8 line, const CAN::CanRxMessage &msg)
@@ -96,14 +123,33 @@ void Recording::frame(quint8 line, const CAN::CanRxMessage &msg)
         return;
     }
     if (msg.mMessageNumber == 1)
-        mFirst = msg.mTimeStamp;
-    mLast = msg.mTimeStamp;
+        mFacts.first = msg.mTimeStamp;
+    mFacts.last = msg.mTimeStamp;
 }
 
 void Recording::badLine(quint64 lineNumber, const char *problem, std::string_view text)
 {
-    if (++mBadLines > badLinesShown)
+    if (++mFacts.badLines > badLinesShown)
         return;
-    mProgress.clear();
-    std::fprintf(stderr, "%s:%llu: %s: %s\n", qPrintable(mName), lineNumber, problem, printable(text).c_str());
+    mProgress.message(QStringLiteral("%1:%2: %3: %4")
+                          .arg(mFacts.name, QString::number(lineNumber), QLatin1String(problem),
+                               QString::fromStdString(printable(text))));
+}
+
+std::vector<quint8> linesNamed(const QStringList &names, const RecordingFacts &facts, QString &problem)
+{
+    QStringList known;
+    for (const std::string &name : facts.interfaces)
+        known += QString::fromStdString(name);
+    for (const QString &name : names) {
+        if (!known.contains(name))
+            problem = QStringLiteral("There is no interface %1 in %2, only %3.")
+                          .arg(name, facts.name, known.join(QLatin1String(", ")));
+    }
+    std::vector<quint8> lines;
+    for (int line = 0; line < known.size(); ++line) {
+        if (names.isEmpty() || names.contains(known.at(line)))
+            lines.push_back(quint8(line));
+    }
+    return lines;
 }

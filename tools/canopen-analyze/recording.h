@@ -2,51 +2,78 @@
 #define CANOPENANALYZE_RECORDING_H
 
 #include "candumpreader.h"
-#include "inmemory/inmemorydatachunkhandler.h"
+#include "countingstore.h"
 #include "progress.h"
 
 #include <QIODevice>
 #include <QString>
+#include <QStringList>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// What is known of a recording besides its frames.
+struct RecordingFacts
+{
+    /// As the user calls it.
+    QString name;
+    /// Names of the interfaces, by CAN line.
+    std::vector<std::string> interfaces;
+    quint32 frames = 0;
+    /// Lines of text, and how many of them could not be read.
+    quint64 lines = 0;
+    quint64 badLines = 0;
+    /// Time stamps of the first and of the last frame.
+    CanTimeStamp first;
+    CanTimeStamp last;
+};
+
+/// How far the work on a recording is. Written by the thread that works on it, read by any.
+struct WorkDone
+{
+    std::atomic<qint64> bytesRead{0};
+    std::atomic<quint64> frames{0};        // 0 until all bytes are read
+    std::atomic<quint64> framesFetched{0}; // by a parser
+};
 
 /// A log that was read into a store.
 /// Threads: load() first; afterwards the store may be analysed from any thread.
 class Recording final : private CandumpSink
 {
 public:
-    /// \a progress must outlive the recording.
-    explicit Recording(Progress &progress) : mProgress(progress), mReader(*this) {}
+    /// \a progress must outlive the recording; it shows how far the reading is, unless \a done is given: then the caller
+    /// shows that.
+    explicit Recording(Progress &progress, std::shared_ptr<WorkDone> done = nullptr);
 
     /// Reads the log \a fileName (`-` is standard input). Returns an empty text, or one sentence that says why there is
     /// nothing to analyse. Lines that cannot be read are reported on standard error, the first ten in full. Call once.
     QString load(const QString &fileName);
 
     InMemoryDatachunkHandler &store() { return mStore; }
-    /// What was read, as the user calls it.
-    const QString &name() const { return mName; }
-    /// Names of the interfaces, by CAN line.
-    const std::vector<std::string> &interfaces() const { return mReader.interfaces(); }
-    quint32 frameCount() const { return mReader.frameCount(); }
-    quint64 lineCount() const { return mReader.lineCount(); }
-    quint64 badLines() const { return mBadLines; }
-    /// Time stamps of the first and of the last frame.
-    CanTimeStamp first() const { return mFirst; }
-    CanTimeStamp last() const { return mLast; }
+    /// Complete after load().
+    const RecordingFacts &facts() const { return mFacts; }
 
 private:
     void frame(quint8 line, const CAN::CanRxMessage &msg) override;
     void badLine(quint64 lineNumber, const char *problem, std::string_view text) override;
+    QString readFrom(const QString &fileName);
     QString readAll(QIODevice &device, qint64 size);
     QString whyNothingWasFound() const;
 
     Progress &mProgress;
+    const bool mShowsReading;
+    const std::shared_ptr<WorkDone> mDone; // never null
     CandumpReader mReader;
-    InMemoryDatachunkHandler mStore;
-    QString mName;
-    quint64 mBadLines = 0;
+    CountingStore mStore;
+    RecordingFacts mFacts;
     bool mStoreFull = false;
     bool mLooksCompressed = false;
-    CanTimeStamp mFirst;
-    CanTimeStamp mLast;
 };
+
+/// The CAN lines of a recording with the \a names, ascending; without names every line. When one of the names does not occur,
+/// \a problem is set to one sentence.
+std::vector<quint8> linesNamed(const QStringList &names, const RecordingFacts &facts, QString &problem);
 
 #endif // CANOPENANALYZE_RECORDING_H

@@ -68,6 +68,14 @@ std::string valueText(const SdoAccess &access)
     return size + Format::bytes(bytes.left(hexShown), " ") + (bytes.size() > hexShown ? " ..." : "");
 }
 
+std::vector<ProtocolFault> withoutHarmless(const std::vector<ProtocolFault> &faults)
+{
+    std::vector<ProtocolFault> rest;
+    std::copy_if(faults.begin(), faults.end(), std::back_inserter(rest),
+                 [](const ProtocolFault &fault) { return !fault.isHarmless(); });
+    return rest;
+}
+
 std::string answerTime(const SdoAccess &access)
 {
     return access.answerNSecs() < 0 ? "-" : Format::fixed(double(access.answerNSecs()) / 1e6, 2);
@@ -93,12 +101,12 @@ std::string startText(CanTimeStamp first)
 
 } // namespace
 
-TextReport::TextReport(Output &output, const Recording &recording, Style style)
+TextReport::TextReport(Output &output, const RecordingFacts &recording, Style style)
     : mOutput(output),
       mRecording(recording),
       mStyle(style),
-      mFrameWidth(std::max(5, int(Format::number(recording.frameCount()).size()))),
-      mTimeWidth(std::max(8, int(time(recording.last()).size())))
+      mFrameWidth(std::max(5, int(Format::number(recording.frames).size()))),
+      mTimeWidth(std::max(8, int(time(recording.last).size())))
 {
 }
 
@@ -109,7 +117,7 @@ std::string TextReport::coloured(const char *colour, const std::string &text) co
 
 std::string TextReport::time(CanTimeStamp time) const
 {
-    return Format::seconds(time.toNSecs() - mRecording.first().toNSecs());
+    return Format::seconds(time.toNSecs() - mRecording.first.toNSecs());
 }
 
 std::string TextReport::rowStart(quint32 number, CanTimeStamp when, quint32 node) const
@@ -147,15 +155,39 @@ void TextReport::list(const std::string &title, const Findings &findings, Keep k
 
 void TextReport::head()
 {
-    mOutput << coloured(bold, mRecording.name().toStdString()) << ": " << counted(mRecording.frameCount(), "frame")
-            << ", " << counted(mRecording.interfaces().size(), "interface") << ", " << startText(mRecording.first())
-            << '\n';
-    if (mRecording.badLines() > 0)
-        mOutput << coloured(red, counted(mRecording.badLines(), "line") + " could not be read") << " (of "
-                << Format::number(qint64(mRecording.lineCount())) << ")\n";
+    mOutput << coloured(bold, mRecording.name.toStdString()) << ": " << counted(mRecording.frames, "frame") << ", "
+            << counted(mRecording.interfaces.size(), "interface") << ", " << startText(mRecording.first) << '\n';
+    if (mRecording.badLines > 0)
+        mOutput << coloured(red, counted(mRecording.badLines, "line") + " could not be read") << " (of "
+                << Format::number(qint64(mRecording.lines)) << ")\n";
 }
 
 void TextReport::line(const LineFindings &findings)
+{
+    lineHead(findings);
+    rating(findings);
+    classes(findings);
+    nodes(findings);
+    incidents(findings);
+    blockTransfers(findings);
+    accesses(findings);
+}
+
+void TextReport::sdoOnly(const LineFindings &findings)
+{
+    lineHead(findings);
+    const std::vector<ProtocolFault> broken = withoutHarmless(findings.faults);
+    mOutput << coloured(bold, "SDO analysis alone") << ": " << counted(findings.accesses.size(), "value") << ", "
+            << counted(broken.size(), "frame") << (broken.size() == 1 ? " that breaks" : " that break")
+            << " the SDO protocol\n";
+    accesses(findings);
+    if (broken.empty())
+        return;
+    mOutput << '\n' << coloured(dim, columnTitles()) << '\n';
+    faults(broken);
+}
+
+void TextReport::lineHead(const LineFindings &findings)
 {
     heading(findings.interface);
     const double seconds = double(findings.last.toNSecs() - findings.first.toNSecs()) / 1e9;
@@ -163,12 +195,6 @@ void TextReport::line(const LineFindings &findings)
     if (seconds > 0)
         mOutput << ", " << Format::fixed(double(findings.frames) / seconds, 0) << " frames/s";
     mOutput << '\n';
-    rating(findings);
-    classes(findings);
-    nodes(findings);
-    incidents(findings);
-    blockTransfers(findings);
-    accesses(findings);
 }
 
 void TextReport::rating(const LineFindings &findings)
@@ -227,18 +253,21 @@ void TextReport::nodes(const LineFindings &findings)
     }
 }
 
+void TextReport::faults(const std::vector<ProtocolFault> &faults)
+{
+    list(counted(faults.size(), "frame") + (faults.size() == 1 ? " that breaks" : " that break") + " the protocol",
+         faults, Keep::First, rowsShown, [this](const ProtocolFault &fault) { return row(fault); });
+}
+
 // What went wrong or was ordered: lists whose rows begin alike, so that one line of titles does for all.
 void TextReport::incidents(const LineFindings &findings)
 {
-    std::vector<ProtocolFault> faults;
-    std::copy_if(findings.faults.begin(), findings.faults.end(), std::back_inserter(faults),
-                 [](const ProtocolFault &fault) { return !fault.isHarmless(); });
-    if (faults.empty() && findings.aborts.empty() && findings.openRequests.empty() && findings.emergencies.empty()
+    const std::vector<ProtocolFault> broken = withoutHarmless(findings.faults);
+    if (broken.empty() && findings.aborts.empty() && findings.openRequests.empty() && findings.emergencies.empty()
         && findings.nmtCommands.isEmpty())
         return;
     mOutput << '\n' << coloured(dim, columnTitles()) << '\n';
-    list(counted(faults.size(), "frame") + (faults.size() == 1 ? " that breaks" : " that break") + " the protocol",
-         faults, Keep::First, rowsShown, [this](const ProtocolFault &fault) { return row(fault); });
+    faults(broken);
     list(counted(findings.aborts.size(), "SDO abort"), findings.aborts, Keep::First, rowsShown,
          [this](const SdoAbort &abort) { return row(abort); });
     list(counted(findings.openRequests.size(), "SDO request") + " without an end", findings.openRequests, Keep::First,

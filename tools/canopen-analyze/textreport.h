@@ -6,7 +6,7 @@
 #include "recording.h"
 
 /// The report for the eye: what to look at first comes first, long lists are cut unless everything is asked for.
-/// Call head(), then line() for each line.
+/// Call head(), then line() or sdoOnly() for each line.
 class TextReport
 {
 public:
@@ -16,20 +16,25 @@ public:
         bool all = false;
     };
 
-    TextReport(Output &output, const Recording &recording, Style style);
+    /// \a recording must outlive the report.
+    TextReport(Output &output, const RecordingFacts &recording, Style style);
 
     void head();
     void line(const LineFindings &findings);
+    /// What the SDO analysis alone found: accesses and faults.
+    void sdoOnly(const LineFindings &findings);
 
 private:
     enum class Keep { First, Latest };
     template<typename Findings, typename Row>
     void list(const std::string &title, const Findings &findings, Keep keep, std::size_t limit, Row row);
 
+    void lineHead(const LineFindings &findings);
     void rating(const LineFindings &findings);
     void penalty(const char *what, quint32 count, int weight, quint32 frames);
     void classes(const LineFindings &findings);
     void nodes(const LineFindings &findings);
+    void faults(const std::vector<ProtocolFault> &faults);
     void incidents(const LineFindings &findings);
     void blockTransfers(const LineFindings &findings);
     void accesses(const LineFindings &findings);
@@ -48,7 +53,7 @@ private:
     std::string coloured(const char *colour, const std::string &text) const;
 
     Output &mOutput;
-    const Recording &mRecording;
+    const RecordingFacts &mRecording;
     const Style mStyle;
     const int mFrameWidth;
     const int mTimeWidth;
