@@ -118,7 +118,7 @@ void TestCanopenAnalyzeOffline::lines()
     const QByteArray log = "(1.000) can0 605#4017100000000000\n(1.001) can1 585#4B171000E8030000\n";
     QString lines;
     const QJsonArray reported = analyze(QStringList({"--json", "--offline", "-"}) + arguments, log).lines();
-    for (const QJsonValue line : reported) {
+    for (const auto &line : reported) {
         lines += line["interface"].toString() + '/' + QString::number(line["line"].toInt());
         lines += line["sdoAccesses"].toArray().isEmpty() ? "" : " value";
         lines += line["protocolErrors"].toArray().isEmpty() ? ";" : " error;";
