@@ -28,12 +28,9 @@ private Q_SLOTS:
     void destroyedWhilePausedOrAfterStop();
     void analysisRunsInItsOwnThread();
     void modelServesASecondAnalyzer();
-    void hostIsToldTheEndOfTheRecording();
-    void frameAppendedBeforeAResumeIsAnalysed();
     void reanalyzeOnTheModelsSignal();
 
     void resetHasItsWholeEffectWhenItReturns();
-    void resetFromASlotInTheAnalysisThread();
     void modelMayCallBackInReset();
     void guestWaitsForAFrameNotForABatch();
     void guestsAndLoopTakeTurns();
@@ -142,42 +139,6 @@ void TestAnalyzer::modelServesASecondAnalyzer()
     }
 }
 
-void TestAnalyzer::hostIsToldTheEndOfTheRecording()
-{
-    ScriptedStore store;
-    store.appendPdos(12345);
-    RecordingNetwork network;
-    CANopenNetworkAnalyzer analyzer(&network, &store);
-    std::atomic<int> framesAtTheEnd{-1};
-    connect(
-        &store, &InMemoryDatachunkHandler::endOfLineReached, &analyzer,
-        [&] {
-            framesAtTheEnd = network.takeFrames().size();
-            analyzer.stop();
-        },
-        Qt::DirectConnection);
-    analyzer.setAnalyzing(true);
-    QTRY_COMPARE(framesAtTheEnd.load(), 12345);
-}
-
-void TestAnalyzer::frameAppendedBeforeAResumeIsAnalysed()
-{
-    // The host appends and resumes while the loop may be anywhere between its last look and its own pause.
-    ScriptedStore store;
-    RecordingNetwork network;
-    CANopenNetworkAnalyzer analyzer(&network, &store);
-    int analysed = 0;
-    for (int i = 1; i <= 6; ++i) {
-        store.appendPdos(1);
-        analyzer.setAnalyzing(true);
-        for (int spin = 0; spin < i * 2500; ++spin)
-            std::atomic_signal_fence(std::memory_order_seq_cst);
-        store.appendPdos(1);
-        analyzer.setAnalyzing(true);
-        QTRY_COMPARE_WITH_TIMEOUT((analysed += network.takeFrames().size()), 2 * i, 5000);
-    }
-}
-
 void TestAnalyzer::reanalyzeOnTheModelsSignal()
 {
     ScriptedStore store;
@@ -212,32 +173,6 @@ void TestAnalyzer::resetHasItsWholeEffectWhenItReturns()
         QVERIFY(analyzer.blockTransfers().isEmpty());
         QCOMPARE(analyzer.calculateRating(), qint16(0));
     }
-}
-
-void TestAnalyzer::resetFromASlotInTheAnalysisThread()
-{
-    ScriptedStore store;
-    store.appendTrace("605 40 00 10 01\n585 43 00 10 01 2A\n185 00");
-    RecordingNetwork network;
-    CANopenNetworkAnalyzer analyzer(&network, &store);
-    std::atomic<int> resets{0};
-    std::atomic<bool> emptyAfterReset{false};
-    std::atomic<bool> ended{false};
-    connect(
-        analyzer.sdoMessageHandler(), &SDOMessageHandler::newValue, &analyzer,
-        [&] {
-            if (++resets > 1)
-                return;
-            analyzer.reset();
-            emptyAfterReset = analyzer.messageTypeDistribution().isEmpty() && analyzer.calculateRating() == 0;
-        },
-        Qt::DirectConnection);
-    stopAtTheEnd(store, analyzer, ended);
-    analyzer.setAnalyzing(true);
-    QTRY_VERIFY(ended);
-    QVERIFY(emptyAfterReset);
-    QCOMPARE(network.takeFrames(), numbers(1, 2) + numbers(1, 3));
-    QCOMPARE(analyzer.messageTypeDistribution().value(CANopen::SDO_RES), 1u);
 }
 
 void TestAnalyzer::modelMayCallBackInReset()
