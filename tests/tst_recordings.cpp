@@ -1,5 +1,4 @@
 #include <QFile>
-#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -10,39 +9,29 @@
 
 namespace {
 
-QJsonArray list(const QJsonObject &object, const char *key)
+// What an entry says under these keys; numbers are decimal, whatever they were.
+QString said(const QJsonValue &entry, const QString &keys)
 {
-    return object[QLatin1String(key)].toArray();
+    QStringList values;
+    for (const QString &key : keys.split(' ')) {
+        const QString value = entry[key].toVariant().toString().toLower();
+        values += value.startsWith("0x") ? QString::number(value.toUInt(nullptr, 16)) : value;
+    }
+    return values.join(' ');
 }
 
-int number(const QJsonObject &object, const char *key)
+QStringList saidOfAll(const QJsonValue &list, const QString &keys)
 {
-    return object[QLatin1String(key)].toInt();
+    QStringList texts;
+    for (const QJsonValue entry : list.toArray())
+        texts += said(entry, keys);
+    return texts;
 }
 
-QString text(const QJsonObject &object, const char *key)
+// Times are compared as whole microseconds, the resolution of the recordings.
+qint64 usecs(const QJsonValue &seconds)
 {
-    return object[QLatin1String(key)].toString();
-}
-
-// Microseconds, the resolution of the recordings, so that times can be compared.
-qint64 usecs(double seconds)
-{
-    return std::llround(seconds * 1e6);
-}
-
-// Some times were taken where the application calls, others on the bus.
-bool isTimeOfCall(const QJsonObject &reported, double seconds)
-{
-    return std::abs(reported[QLatin1String("time")].toDouble() - seconds) < 0.001;
-}
-
-QString objectOf(const QJsonObject &transfer)
-{
-    return QStringLiteral("%1/%2:%3")
-        .arg(number(transfer, "node"))
-        .arg(number(transfer, "index"), 4, 16, QLatin1Char('0'))
-        .arg(number(transfer, "subindex"));
+    return std::llround(seconds.toDouble() * 1e6);
 }
 
 } // namespace
@@ -54,113 +43,81 @@ class TestRecordings : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
     void frames_data() { recordings(); }
     void frames();
-    void messageClasses_data() { recordings(); }
-    void messageClasses();
-    void nmtCommands_data() { recordings(); }
-    void nmtCommands();
+    void commandsAndEmergencies_data() { recordings(); }
+    void commandsAndEmergencies();
     void nmtStates_data() { recordings(); }
     void nmtStates();
-    void emergencies_data() { recordings(); }
-    void emergencies();
-    void transfers_data();
+    void transfers_data() { recordings(); }
     void transfers();
-    void aborts_data() { recordings(); }
-    void aborts();
-    void unansweredRequests_data();
-    void unansweredRequests();
-    void devicesUnderOneNodeId_data() { recordings(); }
-    void devicesUnderOneNodeId();
     void blockTransfers();
-    void blockSegmentsLost();
 
 private:
     static void recordings();
-    QHash<int, QJsonObject> accessesByFrame(const QString &name, const QString &kind) const;
+    void load(const QString &name = QTest::currentDataTag());
 
-    QHash<QString, QJsonObject> mTruth;
-    QHash<QString, QJsonObject> mReport; // that of the recording as a whole
-    QHash<QString, QJsonObject> mLine;   // its only interface
+    QJsonValue mTruth;
+    QJsonValue mReport; // on the recording as a whole
+    QJsonValue mLine;   // on its only interface
 };
 
 void TestRecordings::recordings()
 {
-    QTest::addColumn<QString>("name");
-    for (const char *name : {"mixed", "block-transfer", "duplicate-node", "guarding-and-states"})
-        QTest::newRow(name) << name;
+    QTest::addColumn<int>("accesses");
+    QTest::addColumn<QString>("unanswered"); // frames
+    // The abort with which the client gives up names another object, so a request to a node that does not exist stays open.
+    QTest::newRow("mixed") << 270 << "2273";
+    QTest::newRow("block-transfer") << 120 << "";
+    QTest::newRow("duplicate-node") << 33 << "";
+    QTest::newRow("guarding-and-states") << 147 << "";
 }
 
-void TestRecordings::initTestCase()
+void TestRecordings::load(const QString &name)
 {
-    for (const QString name : {"mixed", "block-transfer", "duplicate-node", "guarding-and-states"}) {
-        QFile truth(QStringLiteral(RECORDINGS "/%1.json").arg(name));
-        QVERIFY2(truth.open(QIODevice::ReadOnly), qPrintable(truth.fileName()));
-        mTruth[name] = QJsonDocument::fromJson(truth.readAll()).object();
-        QVERIFY(!mTruth[name].isEmpty());
-
-        QProcess process;
-        process.start(QStringLiteral(CANOPEN_ANALYZE), {"--json", QStringLiteral(RECORDINGS "/%1.log").arg(name)});
-        QVERIFY(process.waitForFinished());
-        QCOMPARE(process.exitCode(), 0);
-        mReport[name] = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
-        QCOMPARE(list(mReport[name], "interfaces").size(), 1);
-        mLine[name] = list(mReport[name], "interfaces").first().toObject();
-    }
-}
-
-void TestRecordings::frames()
-{
-    QFETCH(QString, name);
-    const QJsonObject truth = mTruth[name];
-    QCOMPARE(number(mReport[name], "frames"), number(truth, "frames"));
-    QCOMPARE(number(mReport[name], "badLines"), 0);
-    QCOMPARE(usecs(mReport[name]["startTime"].toDouble()), usecs(truth["first_time"].toDouble()));
-    QCOMPARE(usecs(mReport[name]["duration"].toDouble()),
-             usecs(truth["last_time"].toDouble()) - usecs(truth["first_time"].toDouble()));
+    QFile truth(RECORDINGS "/" + name + ".json");
+    QVERIFY2(truth.open(QIODevice::ReadOnly), qPrintable(truth.fileName()));
+    mTruth = QJsonDocument::fromJson(truth.readAll()).object();
+    QProcess process;
+    process.start(CANOPEN_ANALYZE, {"--json", RECORDINGS "/" + name + ".log"});
+    QVERIFY(process.waitForFinished() && process.exitCode() == 0);
+    mReport = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
+    mLine = mReport["interfaces"][0];
 }
 
 // The applications count aborts among the SDO frames; guarding requests are remote frames outside the PDO range.
-void TestRecordings::messageClasses()
+void TestRecordings::frames()
 {
-    QFETCH(QString, name);
-    const QJsonObject sent = mTruth[name]["frames_by_class"].toObject();
-    const QJsonObject abort = mTruth[name]["sdo_abort_frames"].toObject();
-    const int byClient = number(abort, "from_client");
-    const int byServer = number(abort, "from_server");
-    const QMap<QString, int> expected = {
-        {"SDO_REQ", number(sent, "sdo_req") - byClient},
-        {"SDO_RES", number(sent, "sdo_res") - byServer},
-        {"SDO_ABORT", byClient + byServer},
-        {"SYNC", number(sent, "sync")},
-        {"PDO", number(sent, "rpdo") + number(sent, "tpdo")},
-        {"NMT", number(sent, "nmt")},
-        {"EMCY", number(sent, "emcy")},
-        {"NMT_EC", number(sent, "heartbeat")},
-        {"NMT_EC_BOOTUP", number(sent, "bootup")},
-        {"UNKNOWN", number(sent, "guard_rtr")},
-    };
-    const QJsonObject classes = mLine[name]["messageClasses"].toObject();
-    for (auto type = expected.cbegin(); type != expected.cend(); ++type)
-        QVERIFY2(classes[type.key()].toInt() == *type, qPrintable(type.key()));
-    for (const QString &type : classes.keys())
-        QVERIFY2(expected.contains(type), qPrintable(type));
+    load();
+    QCOMPARE(said(mReport, "frames badLines"), said(mTruth, "frames") + " 0");
+    QCOMPARE(usecs(mReport["startTime"]), usecs(mTruth["first_time"]));
+    QCOMPARE(usecs(mReport["duration"]), usecs(mTruth["last_time"]) - usecs(mTruth["first_time"]));
+    const QJsonValue sent = mTruth["frames_by_class"];
+    const QJsonObject classes = mLine["messageClasses"].toObject();
+    QCOMPARE(said(classes, "NMT SYNC EMCY NMT_EC NMT_EC_BOOTUP UNKNOWN"),
+             said(sent, "nmt sync emcy heartbeat bootup guard_rtr"));
+    QCOMPARE(classes["PDO"].toInt(), sent["rpdo"].toInt() + sent["tpdo"].toInt());
+    const int byClient = mTruth["sdo_abort_frames"]["from_client"].toInt();
+    const int byServer = mTruth["sdo_abort_frames"]["from_server"].toInt();
+    QCOMPARE(classes["SDO_REQ"].toInt(), sent["sdo_req"].toInt() - byClient);
+    QCOMPARE(classes["SDO_RES"].toInt(), sent["sdo_res"].toInt() - byServer);
+    QCOMPARE(classes["SDO_ABORT"].toInt(), byClient + byServer);
+    QCOMPARE(mLine["rating"]["sdoAborts"]["count"].toInt(), byClient + byServer);
+    for (const QJsonValue node : mLine["nodes"].toArray())
+        QCOMPARE(node["devices"].toInt(), mTruth["devices_with_node_id"][said(node, "node")].toInt(1));
 }
 
-void TestRecordings::nmtCommands()
+// Some times were taken where the application calls, others on the bus.
+void TestRecordings::commandsAndEmergencies()
 {
-    QFETCH(QString, name);
-    const QJsonArray expected = list(mTruth[name], "nmt_commands");
-    const QJsonArray found = list(mLine[name], "nmtCommands");
-    QCOMPARE(found.size(), expected.size());
-    const double begin = mTruth[name]["first_time"].toDouble();
-    for (int i = 0; i < expected.size(); ++i) {
-        const QJsonObject command = expected.at(i).toObject();
-        const QJsonObject reported = found.at(i).toObject();
-        QCOMPARE(number(reported, "command"), number(command, "command"));
-        QCOMPARE(number(reported, "node"), number(command, "node"));
-        QVERIFY(isTimeOfCall(reported, command["t"].toDouble() - begin));
+    load();
+    QCOMPARE(saidOfAll(mLine["nmtCommands"], "command node"), saidOfAll(mTruth["nmt_commands"], "command node"));
+    QCOMPARE(saidOfAll(mLine["emergencies"], "node code register"), saidOfAll(mTruth["emcy"], "node code register"));
+    for (const auto &[told, found] : {std::pair("nmt_commands", "nmtCommands"), {"emcy", "emergencies"}}) {
+        for (int i = 0; i < mTruth[told].toArray().size(); ++i) {
+            const qint64 time = usecs(mTruth[told][i]["t"]) - usecs(mTruth["first_time"]);
+            QVERIFY2(std::abs(usecs(mLine[found][i]["time"]) - time) < 1000, found);
+        }
     }
 }
 
@@ -168,205 +125,75 @@ void TestRecordings::nmtCommands()
 // reported follows in the same order, with gaps, and never before it happened.
 void TestRecordings::nmtStates()
 {
-    QFETCH(QString, name);
-    const QHash<QString, QString> stateOnBus = {{"reset-communication", "boot-up"},
-                                                {"pre-operational", "pre-operational"},
-                                                {"operational", "operational"},
-                                                {"stopped", "stopped"}};
-    const QJsonObject entered = mTruth[name]["nmt_states_entered"].toObject();
-    const double begin = mTruth[name]["first_time"].toDouble();
-    for (const auto &entry : list(mLine[name], "nodes")) {
-        const QJsonObject node = entry.toObject();
-        const QJsonArray states = list(entered, qPrintable(QString::number(number(node, "node"))));
+    load();
+    for (const QJsonValue node : mLine["nodes"].toArray()) {
+        const QJsonArray entered = mTruth["nmt_states_entered"][said(node, "node")].toArray();
+        if (entered.isEmpty())
+            continue; // a device that did not tell
+        const auto stateOnBus = [&](int i) {
+            return said(entered.at(i), "state").replace("reset-communication", "boot-up");
+        };
         int next = 0;
-        for (const auto &change : list(node, "stateChanges")) {
-            const QString state = text(change.toObject(), "state");
-            while (next < states.size() && stateOnBus.value(text(states.at(next).toObject(), "state")) != state)
+        for (const QJsonValue change : node["stateChanges"].toArray()) {
+            while (next < entered.size() && stateOnBus(next) != said(change, "state"))
                 ++next;
-            if (states.isEmpty())
-                break; // devices that did not tell
-            QVERIFY2(next < states.size(),
-                     qPrintable(QStringLiteral("node %1: %2").arg(number(node, "node")).arg(state)));
-            const double when = states.at(next).toObject()["t"].toDouble() - begin;
-            QVERIFY(change.toObject()["time"].toDouble() > when - 0.001);
+            QVERIFY2(next < entered.size(), qPrintable(said(change, "frame state")));
+            const qint64 when = usecs(entered.at(next)["t"]) - usecs(mTruth["first_time"]);
+            QVERIFY(usecs(change["time"]) > when - 1000);
         }
-        if (!states.isEmpty())
-            QCOMPARE(text(node, "state"), stateOnBus.value(text(states.last().toObject(), "state")));
+        QCOMPARE(said(node, "state"), stateOnBus(entered.size() - 1));
     }
 }
 
-void TestRecordings::emergencies()
-{
-    QFETCH(QString, name);
-    const QJsonArray expected = list(mTruth[name], "emcy");
-    const QJsonArray found = list(mLine[name], "emergencies");
-    QCOMPARE(found.size(), expected.size());
-    const double begin = mTruth[name]["first_time"].toDouble();
-    for (int i = 0; i < expected.size(); ++i) {
-        const QJsonObject emergency = expected.at(i).toObject();
-        const QJsonObject reported = found.at(i).toObject();
-        QCOMPARE(number(reported, "node"), number(emergency, "node"));
-        QCOMPARE(text(reported, "code").toInt(nullptr, 16), number(emergency, "code"));
-        QCOMPARE(text(reported, "register").toInt(nullptr, 16), number(emergency, "register"));
-        QVERIFY(isTimeOfCall(reported, emergency["t"].toDouble() - begin));
-    }
-}
-
-QHash<int, QJsonObject> TestRecordings::accessesByFrame(const QString &name, const QString &kind) const
-{
-    QHash<int, QJsonObject> result;
-    for (const auto &access : list(mLine[name], "sdoAccesses")) {
-        if (text(access.toObject(), "kind") == kind)
-            result.insert(number(access.toObject(), "frame"), access.toObject());
-    }
-    return result;
-}
-
-void TestRecordings::transfers_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<int>("count");
-
-    QTest::newRow("mixed, expedited") << "mixed"
-                                      << "expedited" << 239;
-    QTest::newRow("mixed, segmented") << "mixed"
-                                      << "segmented" << 32;
-    QTest::newRow("beside block transfers, expedited") << "block-transfer"
-                                                       << "expedited" << 99;
-    QTest::newRow("beside block transfers, segmented") << "block-transfer"
-                                                       << "segmented" << 21;
-    QTest::newRow("two devices with one id, expedited") << "duplicate-node"
-                                                        << "expedited" << 33;
-    QTest::newRow("guarding, expedited") << "guarding-and-states"
-                                         << "expedited" << 109;
-    QTest::newRow("guarding, segmented") << "guarding-and-states"
-                                         << "segmented" << 38;
-}
-
-// Every transfer that ended well is reported, with its bytes and its frames, and no other one.
+// Every transfer that ended well is reported, with its bytes and its frames, and every abort; nothing else.
 void TestRecordings::transfers()
 {
-    QFETCH(QString, name);
-    QFETCH(QString, kind);
-    QFETCH(int, count);
-    QHash<int, QJsonObject> reported = accessesByFrame(name, kind);
-    int seen = 0;
-    for (const auto &entry : list(mTruth[name], "sdo")) {
-        const QJsonObject transfer = entry.toObject();
-        if (text(transfer, "kind") != kind || !transfer["ok"].toBool())
-            continue;
-        ++seen;
-        const QString what = QStringLiteral("transfer %1").arg(number(transfer, "order"));
-        const QJsonObject access = reported.take(number(transfer, "last_frame"));
-        if (transfer.contains("size_indicated") && !transfer["size_indicated"].toBool() && kind == "segmented") {
-            // A write whose size was not announced, ended by an empty segment: given up as broken.
-            QVERIFY2(access.isEmpty(), qPrintable(what));
-            continue;
-        }
-        QVERIFY2(!access.isEmpty(), qPrintable(what));
-        QVERIFY2(objectOf(access) == objectOf(transfer), qPrintable(what));
-        QVERIFY2(text(access, "access") == text(transfer, "dir"), qPrintable(what));
-        QVERIFY2(text(access, "bytes").toLower() == text(transfer, "value"), qPrintable(what));
-        QVERIFY2(number(access, "requestFrame") == number(transfer, "request_frame"), qPrintable(what));
+    load();
+    QMap<int, QString> accesses; // by frame
+    QMap<int, QString> aborts;
+    for (const QJsonValue transfer : mTruth["sdo"].toArray()) {
+        const int frame = transfer["last_frame"].toInt();
+        // A write whose size was not announced, ended by an empty segment, is given up as broken.
+        const bool isBroken = said(transfer, "kind size_indicated") == "segmented false";
+        if (transfer["abort"].isString())
+            aborts[frame] = said(transfer, "last_frame node abort aborted_by");
+        else if (said(transfer, "kind") != "block" && transfer["ok"].toBool() && !isBroken)
+            accesses[frame] = said(transfer, "last_frame request_frame node index subindex kind dir value");
     }
-    QCOMPARE(seen, count);
-    QVERIFY2(reported.isEmpty(), qPrintable(QString::number(reported.isEmpty() ? 0 : reported.cbegin().key())));
-}
-
-void TestRecordings::aborts()
-{
-    QFETCH(QString, name);
-    QMap<int, QJsonObject> expected;
-    for (const auto &entry : list(mTruth[name], "sdo")) {
-        if (entry.toObject().contains("abort"))
-            expected.insert(number(entry.toObject(), "last_frame"), entry.toObject());
-    }
-    const QJsonArray found = list(mLine[name], "sdoAborts");
-    QCOMPARE(found.size(), expected.size());
-    for (const auto &entry : found) {
-        const QJsonObject abort = entry.toObject();
-        const QJsonObject transfer = expected.value(number(abort, "frame"));
-        QCOMPARE(text(abort, "code"), text(transfer, "abort"));
-        QCOMPARE(text(abort, "by"), text(transfer, "aborted_by"));
-        QCOMPARE(number(abort, "node"), number(transfer, "node"));
-        QVERIFY(!text(abort, "meaning").isEmpty());
-    }
-    QCOMPARE(number(mLine[name]["rating"].toObject()["sdoAborts"].toObject(), "count"), expected.size());
-}
-
-void TestRecordings::unansweredRequests_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QList<int>>("frames");
-
-    // The abort with which the client gives up in "mixed" names another object, so the request stays open.
-    QTest::newRow("mixed: a node that does not exist") << "mixed" << QList<int>{2273};
-    QTest::newRow("guarding: the clients took back what was not answered") << "guarding-and-states" << QList<int>();
-    QTest::newRow("block transfers") << "block-transfer" << QList<int>();
-    QTest::newRow("two devices with one id") << "duplicate-node" << QList<int>();
-}
-
-void TestRecordings::unansweredRequests()
-{
-    QFETCH(QString, name);
-    QFETCH(QList<int>, frames);
-    QList<int> found;
-    for (const auto &request : list(mLine[name], "unansweredRequests"))
-        found += number(request.toObject(), "frame");
-    QCOMPARE(found, frames);
-}
-
-void TestRecordings::devicesUnderOneNodeId()
-{
-    QFETCH(QString, name);
-    const QJsonObject devices = mTruth[name]["devices_with_node_id"].toObject();
-    for (const auto &entry : list(mLine[name], "nodes")) {
-        const QString node = QString::number(number(entry.toObject(), "node"));
-        QVERIFY2(number(entry.toObject(), "devices") == devices[node].toInt(1), qPrintable(node));
-    }
+    QTEST(accesses.size(), "accesses");
+    QCOMPARE(saidOfAll(mLine["sdoAccesses"], "frame requestFrame node index subindex kind access bytes"),
+             QStringList(accesses.values()));
+    QCOMPARE(saidOfAll(mLine["sdoAborts"], "frame node code by"), QStringList(aborts.values()));
+    QTEST(saidOfAll(mLine["unansweredRequests"], "frame").join(' '), "unanswered");
 }
 
 // Nodes 7 and 12 each had one block download and one block upload of the same value, node 40 many; its last one must stand at
 // the end of what was collected.
 void TestRecordings::blockTransfers()
 {
-    QHash<int, QJsonObject> last;
-    QHash<int, QString> bytes;
-    for (const auto &entry : list(mTruth["block-transfer"], "sdo")) {
-        const QJsonObject transfer = entry.toObject();
-        if (text(transfer, "kind") != "block" || !transfer["ok"].toBool())
-            continue;
-        last.insert(number(transfer, "node"), transfer);
-        bytes[number(transfer, "node")] += text(transfer, "value");
+    load("block-transfer");
+    QMap<int, QJsonObject> last;
+    QMap<int, QString> bytes;
+    for (const QJsonValue transfer : mTruth["sdo"].toArray()) {
+        const int node = transfer["node"].toInt();
+        if (said(transfer, "kind ok") == "block true") {
+            last[node] = transfer.toObject();
+            bytes[node] += said(transfer, "value");
+        }
     }
-    const QJsonArray found = list(mLine["block-transfer"], "blockTransfers");
-    QCOMPARE(found.size(), 3);
-    for (const auto &entry : found) {
-        const QJsonObject record = entry.toObject();
-        const int node = number(record, "node");
-        QCOMPARE(objectOf(record), objectOf(last[node]));
-        QCOMPARE(text(record, "access"), text(last[node], "dir"));
-        QCOMPARE(text(record, "stateText"), QStringLiteral("ended"));
-        QVERIFY(text(record, "collected").toLower().endsWith(text(last[node], "value")));
-        if (node != 40)
-            QCOMPARE(text(record, "collected").toLower(), bytes[node]);
+    QCOMPARE(mLine["blockTransfers"].toArray().size(), 3);
+    for (const QJsonValue record : mLine["blockTransfers"].toArray()) {
+        const int node = record["node"].toInt();
+        QCOMPARE(said(record, "index subindex access stateText"), said(last[node], "index subindex dir") + " ended");
+        QVERIFY(said(record, "collected").endsWith(said(last[node], "value")));
+        QVERIFY(node == 40 || said(record, "collected") == bytes[node]);
     }
-}
-
-// Acknowledgements of fewer segments than the client sent: after segment 40 of the first download that lost one, and for the
-// whole second block of the second.
-void TestRecordings::blockSegmentsLost()
-{
-    QList<int> acknowledged;
-    for (const auto &entry : list(mLine["block-transfer"], "protocolErrors")) {
-        const QJsonObject fault = entry.toObject();
-        if (text(fault, "kind") == "segmentsLost")
-            acknowledged += QByteArray::fromHex(text(fault, "data").toLatin1()).at(1);
-        else
-            QCOMPARE(text(fault, "kind"), QStringLiteral("lastAcknowledge"));
-    }
-    QCOMPARE(acknowledged, QList<int>({39, 0}));
+    // Acknowledgements of fewer segments than the client sent: after segment 40 of the first download that lost one, and
+    // for the whole second block of the second.
+    const QStringList faults = saidOfAll(mLine["protocolErrors"], "kind data");
+    QCOMPARE(faults.filter("segmentslost"),
+             QStringList({"segmentslost a2277f0000000000", "segmentslost a2007f0000000000"}));
+    QCOMPARE(faults.filter("lastacknowledge").size(), faults.size() - 2);
 }
 
 QTEST_GUILESS_MAIN(TestRecordings)
