@@ -31,37 +31,19 @@ private Q_SLOTS:
     void rating();
     void ratingAfterAClear();
 
-    void stopBeforeTheStartEndsTheLoop();
-    void startsPausedAndServesEvents();
-    void recordingIsAnalysedToItsEnd();
-    void endOfLiveReceptionLeavesNoFrameBehind();
+    void story_data();
+    void story();
     void eventsEvery5000Frames();
-    void resumeAtTheEndOfTheRecordingIsNotLost_data();
-    void resumeAtTheEndOfTheRecordingIsNotLost();
-    void stopEndsTheLoopAfterTheFrameInHand();
 
     void clearBetweenFetchAndCounting();
-    void clearsWhilePaused();
-    void clearWhileRescuedFramesAreHandled();
-    void clearAtTheEventPoint();
-    void clearLeavesNoFrameToTheSelfPause();
     void nothingIsFetchedWhileTheStoreIsCleared();
 
     void reanalyzeStartsOver();
-    void restartAtTheEventPointDropsTheFrameInHand_data();
-    void restartAtTheEventPointDropsTheFrameInHand();
     void resetInACallDropsTheRestOfTheFrame_data();
     void resetInACallDropsTheRestOfTheFrame();
-    void rescuedFramesSurviveAReset();
-    void resetAtTheEndOfTheLineStartsOver();
-    void pauseAndStopWhileRescuedFramesAreHandled_data();
-    void pauseAndStopWhileRescuedFramesAreHandled();
 
     void missingModelOrStore_data();
     void missingModelOrStore();
-    void modelOrStoreVanishes_data();
-    void modelOrStoreVanishes();
-    void workerDeletedAtAnEventPoint();
 
 private:
     /// Runs the loop until something stops it; a loop that hangs is ended after two seconds and fails the test.
@@ -69,18 +51,21 @@ private:
     void resumeAndRun();
     /// Resumes, and stops when the store has no further frame.
     void runToTheEnd();
-    /// Has \a action run once at the event point of the 5000th frame, between its fetch and its analysis.
-    void atTheEventPoint(std::function<void()> action);
+    /// Carries out actions of a story.
+    void act(const QString &actions);
+    void act(const QString &verb, int count);
 
     QHash<unsigned int, CANopen::CANopenMessageDescription> mDescriptions;
     std::unique_ptr<RecordingNetwork> mNetwork;
     std::unique_ptr<ScriptedStore> mStore;
     std::unique_ptr<Worker> mWorker;
+    QList<quint32> mRecorded; // by a model that is gone
 };
 
 void TestWorker::init()
 {
     CAN::CanRxMessage::mLiveMode = false;
+    mRecorded.clear();
     mNetwork = std::make_unique<RecordingNetwork>();
     mStore = std::make_unique<ScriptedStore>();
     mWorker = std::make_unique<Worker>(mNetwork.get(), mStore.get(), mDescriptions);
@@ -120,16 +105,6 @@ void TestWorker::runToTheEnd()
             mWorker->stop();
     };
     resumeAndRun();
-}
-
-void TestWorker::atTheEventPoint(std::function<void()> action)
-{
-    mNetwork->inCall = [this, action, posted = false](const QString &call) mutable {
-        if (call == QLatin1String("frame 4999") && !posted) {
-            posted = true;
-            QTimer::singleShot(0, this, action);
-        }
-    };
 }
 
 // ---- dispatch ----------------------------------------------------------------------------------------------------------
@@ -324,59 +299,143 @@ void TestWorker::ratingAfterAClear()
 
 // ---- the loop ----------------------------------------------------------------------------------------------------------
 
-void TestWorker::stopBeforeTheStartEndsTheLoop()
+// A story tells what happens when, one line for each moment, each once:
+//   at first          before the loop starts                 frame 3      when frame 3 is recorded (its first time)
+//   end 2             when the store answers for the second  end 2, then  in the event step after that
+//                     time that there is no frame            later        some time after the start
+//   event point       between fetch and analysis of the 5000th frame
+// An end for which nothing is told stops the loop. The frames that reach the model are given by their numbers, which start
+// again when the store is cleared.
+void TestWorker::story_data()
 {
-    mStore->appendPdos(3);
-    mWorker->setAnalyzing(true);
-    mWorker->stop();
-    run();
-    QCOMPARE(mNetwork->takeFrames(), QList<quint32>());
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<QString>("recorded");
+    QTest::addColumn<int>("counted"); // process data in the class map at the end
+
+    const auto row = [](const char *name, const char *script, const char *recorded, int counted) {
+        QTest::newRow(name) << QString::fromLatin1(script) << QString::fromLatin1(recorded) << counted;
+    };
+    row("stopped before the start", "at first: append 3, resume, stop", "", 0);
+    row("starts paused, and serves events meanwhile", "at first: append 3 \n later: stop", "", 0);
+    row("stopped while frames flow", "at first: append 3, resume \n frame 2: stop", "1-2", 2);
+    row("pauses at the end of a recording", "at first: append 3, resume \n end 1: wait \n later: append 1, stop", "1-3",
+        3);
+    row("resumed before it pauses", "at first: append 2, resume \n end 1: append 1, resume", "1-3", 3);
+    row("reanalysed in the event step before it pauses",
+        "at first: append 2, resume \n end 1: append 1 \n end 1, then: reanalyze", "1-2 1-3", 3);
+    row("polls on while live, and once more when that ends",
+        "at first: live, resume \n end 1: wait \n end 2: wait \n end 3: append 1, not live", "1", 1);
+    row("reset at the end starts over", "at first: append 3, resume \n end 1: reset", "1-3 1-3", 3);
+
+    row("cleared while paused, three times", "at first: append 3, clear, append 2, clear, clear, append 1, resume",
+        "1-3 1-2 1", 6);
+    row("cleared while rescued frames are handled",
+        "at first: append 3, clear, append 2, resume \n frame 2: clear, append 1", "1-3 1-2 1", 6);
+    row("cleared with a frame in hand", "at first: append 5003, resume \n event point: clear, append 2", "1-5003 1-2",
+        5005);
+    row("appended and cleared before it pauses", "at first: resume \n end 1, then: append 1, clear", "1", 1);
+    row("paused and reset while rescued frames are handled: nothing new is analysed",
+        "at first: append 2, clear, append 2, resume \n frame 1: pause, reset \n later: stop", "1-2", 1);
+    row("stopped while rescued frames are handled", "at first: append 2, clear, append 2, resume \n frame 1: stop",
+        "1-2", 2);
+    row("reset leaves rescued frames alone, but for the one in hand",
+        "at first: append 4, clear, append 1, reset, resume \n frame 2: reset", "1-4 1", 3);
+
+    row("reset with a frame in hand", "at first: append 5001, resume \n event point: reset", "1-4999 1-5001", 5001);
+    row("reanalysed with a frame in hand", "at first: append 5001, resume \n event point: reanalyze", "1-4999 1-5001",
+        5001);
+
+    row("model gone with a frame in hand", "at first: append 5001, resume \n event point: drop model", "1-4999", -1);
+    row("store gone with a frame in hand", "at first: append 5001, resume \n event point: drop store", "1-5000", 5000);
+    row("store gone while a frame is recorded", "at first: append 3, resume \n frame 2: drop store", "1-2", 2);
+    row("worker gone with a frame in hand", "at first: append 5001, resume \n event point: drop worker", "1-4999",
+        4999);
 }
 
-void TestWorker::startsPausedAndServesEvents()
+/// "1-3 1-2" for 1, 2, 3, 1, 2
+static QString ranges(const QList<quint32> &list)
 {
-    mStore->appendPdos(3);
-    QTimer::singleShot(0, mWorker.get(), [&] { mWorker->stop(); });
-    run();
-    QCOMPARE(mNetwork->takeFrames(), QList<quint32>());
+    QStringList texts;
+    for (int first = 0, i = 0; i < list.size(); ++i) {
+        if (i + 1 < list.size() && list.at(i + 1) == list.at(i) + 1)
+            continue;
+        texts +=
+            QString::number(list.at(first)) + (i > first ? QLatin1Char('-') + QString::number(list.at(i)) : QString());
+        first = i + 1;
+    }
+    return texts.join(QLatin1Char(' '));
 }
 
-void TestWorker::recordingIsAnalysedToItsEnd()
+void TestWorker::act(const QString &actions)
 {
-    mStore->appendPdos(3);
+    for (const QString &action : actions.split(QLatin1Char(','))) {
+        const bool appends = action.trimmed().startsWith(QLatin1String("append"));
+        act(action.trimmed().section(QLatin1Char(' '), 0, appends ? 0 : -1),
+            action.section(QLatin1Char(' '), -1).toInt());
+    }
+}
+
+void TestWorker::story()
+{
+    QFETCH(QString, script);
+    QHash<QString, QString> told;
+    for (const QString &line : script.split(QLatin1Char('\n')))
+        told.insert(line.section(QLatin1Char(':'), 0, 0).trimmed(), line.section(QLatin1Char(':'), 1).trimmed());
+    const auto now = [&](const QString &moment) {
+        const bool isTold = told.contains(moment);
+        if (isTold)
+            act(told.take(moment));
+        return isTold;
+    };
+    QObject scene; // what has not happened at the end does not happen any more
     int ends = 0;
-    mStore->afterFetch = [&](bool found, unsigned int position) {
+    mNetwork->inCall = [&](const QString &call) {
+        now(call);
+        if (call == QLatin1String("frame 4999"))
+            QTimer::singleShot(0, &scene, [&] { now(QStringLiteral("event point")); });
+    };
+    mStore->afterFetch = [&](bool found, unsigned int) {
         if (found)
             return;
-        QCOMPARE(position, 3u);
-        ++ends;
-        // Served after the pause that follows: frames appended without a resume stay unread.
-        QTimer::singleShot(100, mWorker.get(), [&] {
-            mStore->appendPdos(1);
-            QTimer::singleShot(0, mWorker.get(), [&] { mWorker->stop(); });
-        });
-    };
-    resumeAndRun();
-    QCOMPARE(ends, 1);
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 3));
-    QCOMPARE(mNetwork->takeCalls().size(), 3);
-}
-
-void TestWorker::endOfLiveReceptionLeavesNoFrameBehind()
-{
-    CAN::CanRxMessage::mLiveMode = true;
-    int polls = 0;
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found && ++polls == 3) {
-            // The loop has found nothing and not yet looked whether it may pause.
-            mStore->appendPdos(1);
-            CAN::CanRxMessage::mLiveMode = false;
-        }
-        if (polls == 4)
+        const QString end = QStringLiteral("end %1").arg(++ends);
+        const QString then = end + QStringLiteral(", then");
+        if (told.contains(then))
+            QTimer::singleShot(0, &scene, [&now, then] { now(then); });
+        if (!now(end) && !told.contains(then))
             mWorker->stop();
     };
-    resumeAndRun();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 1));
+    if (script.contains(QLatin1String("drop model")))
+        QTest::ignoreMessage(QtDebugMsg, "void CANopenNetworkAnalyzerWorker::analyze() Line: 171 ¯\\_(ツ)_/¯");
+    QTimer::singleShot(50, &scene, [&] { now(QStringLiteral("later")); });
+    now(QStringLiteral("at first"));
+    run();
+    told.remove(QStringLiteral("later"));
+    QVERIFY2(told.isEmpty(), "not all of the story has happened");
+    if (mNetwork) {
+        mRecorded += mNetwork->takeFrames();
+        QTEST(int(mNetwork->distribution.value(CANopen::PDO)), "counted");
+    }
+    QTEST(ranges(mRecorded), "recorded");
+}
+
+void TestWorker::act(const QString &verb, int count)
+{
+    const QHash<QString, std::function<void()>> verbs = {
+        {"append", [&] { mStore->appendPdos(count); }},
+        {"clear", [&] { mStore->clear(); }},
+        {"resume", [&] { mWorker->setAnalyzing(true); }},
+        {"pause", [&] { mWorker->setPause(true); }},
+        {"stop", [&] { mWorker->stop(); }},
+        {"reset", [&] { mWorker->reset(); }},
+        {"reanalyze", [&] { mWorker->reanalyze(); }},
+        {"live", [] { CAN::CanRxMessage::mLiveMode = true; }},
+        {"not live", [] { CAN::CanRxMessage::mLiveMode = false; }},
+        {"drop model", [&] { mRecorded = mNetwork->takeFrames(), mNetwork.reset(); }},
+        {"drop store", [&] { mStore.reset(); }},
+        {"drop worker", [&] { mWorker.reset(); }},
+        {"wait", [] {}},
+    };
+    verbs.value(verb)();
 }
 
 void TestWorker::eventsEvery5000Frames()
@@ -396,57 +455,6 @@ void TestWorker::eventsEvery5000Frames()
     QCOMPARE(analysedWhenServed, (QList<quint32>{4999, 9999}));
     QCOMPARE(mNetwork->takeFrames().size(), 10001);
 }
-
-void TestWorker::resumeAtTheEndOfTheRecordingIsNotLost_data()
-{
-    QTest::addColumn<QString>("command");
-    QTest::newRow("setAnalyzing(true)") << "setAnalyzing";
-    QTest::newRow("setPause(false)") << "setPause";
-    QTest::newRow("reanalyze() delivered in the idle step") << "reanalyze";
-}
-
-void TestWorker::resumeAtTheEndOfTheRecordingIsNotLost()
-{
-    QFETCH(QString, command);
-    mStore->appendPdos(2);
-    int ends = 0;
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (found)
-            return;
-        if (++ends == 2)
-            mWorker->stop();
-        if (ends != 1)
-            return;
-        // The loop has seen the end and not yet paused itself.
-        mStore->appendPdos(1);
-        if (command == QLatin1String("setAnalyzing"))
-            mWorker->setAnalyzing(true);
-        else if (command == QLatin1String("setPause"))
-            mWorker->setPause(false);
-        else
-            QMetaObject::invokeMethod(mWorker.get(), "reanalyze", Qt::QueuedConnection);
-    };
-    resumeAndRun();
-    const bool again = command == QLatin1String("reanalyze");
-    QCOMPARE(mNetwork->takeFrames(), again ? numbers(1, 2) + numbers(1, 3) : numbers(1, 3));
-}
-
-void TestWorker::stopEndsTheLoopAfterTheFrameInHand()
-{
-    mStore->appendPdos(3);
-    mNetwork->inCall = [&](const QString &call) {
-        if (call == QLatin1String("frame 2"))
-            mWorker->stop();
-    };
-    resumeAndRun();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 2));
-    QCOMPARE(mNetwork->takeCalls().size(), 2); // the second one was dispatched
-    mWorker->setAnalyzing(true);
-    run();
-    QCOMPARE(mNetwork->takeFrames(), QList<quint32>()); // ended for good
-}
-
-// ---- the store is cleared ----------------------------------------------------------------------------------------------
 
 void TestWorker::clearBetweenFetchAndCounting()
 {
@@ -474,66 +482,6 @@ void TestWorker::clearBetweenFetchAndCounting()
     resumeAndRun();
     store.join();
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 5));
-}
-
-void TestWorker::clearsWhilePaused()
-{
-    mStore->appendTrace("185 01\n185 02\n185 03");
-    mStore->clear();
-    mStore->appendTrace("285 01\n285 02");
-    mStore->clear(); // the first three are still not analysed
-    mStore->clear(); // nothing new
-    mStore->appendTrace("385 01");
-    runToTheEnd();
-    QCOMPARE(mNetwork->takeCalls().join(QLatin1Char(' ')),
-             QStringLiteral("pdo 185 pdo 185 pdo 185 pdo 285 pdo 285 pdo 385"));
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 3) + numbers(1, 2) + numbers(1, 1));
-}
-
-void TestWorker::clearWhileRescuedFramesAreHandled()
-{
-    mStore->appendTrace("185 01\n185 02\n185 03");
-    mStore->clear();
-    mStore->appendTrace("285 01\n285 02");
-    bool cleared = false;
-    mNetwork->inCall = [&](const QString &call) {
-        if (call != QLatin1String("frame 2") || cleared)
-            return;
-        cleared = true;
-        mStore->clear();
-        mStore->appendTrace("385 01");
-    };
-    runToTheEnd();
-    QCOMPARE(mNetwork->takeCalls().join(QLatin1Char(' ')),
-             QStringLiteral("pdo 185 pdo 185 pdo 185 pdo 285 pdo 285 pdo 385"));
-}
-
-void TestWorker::clearAtTheEventPoint()
-{
-    mStore->appendPdos(5003);
-    atTheEventPoint([&] {
-        mStore->clear();
-        mStore->appendPdos(2);
-    });
-    runToTheEnd();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 5003) + numbers(1, 2));
-}
-
-void TestWorker::clearLeavesNoFrameToTheSelfPause()
-{
-    // Appended and cleared while the loop is about to pause itself: the frame has to be analysed without a resume.
-    int ends = 0;
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (!found && ++ends == 1)
-            QTimer::singleShot(0, mWorker.get(), [&] {
-                mStore->appendPdos(1);
-                mStore->clear();
-            });
-        if (ends == 2)
-            mWorker->stop();
-    };
-    resumeAndRun();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 1));
 }
 
 void TestWorker::nothingIsFetchedWhileTheStoreIsCleared()
@@ -595,23 +543,6 @@ void TestWorker::reanalyzeStartsOver()
     QVERIFY(!mNetwork->takeCalls().contains(QStringLiteral("reset"))); // what else the model knows stays
 }
 
-void TestWorker::restartAtTheEventPointDropsTheFrameInHand_data()
-{
-    QTest::addColumn<bool>("reanalyze");
-    QTest::newRow("reanalyze()") << true;
-    QTest::newRow("reset()") << false;
-}
-
-void TestWorker::restartAtTheEventPointDropsTheFrameInHand()
-{
-    QFETCH(bool, reanalyze);
-    mStore->appendPdos(5001);
-    atTheEventPoint([&] { reanalyze ? mWorker->reanalyze() : mWorker->reset(); });
-    runToTheEnd();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 4999) + numbers(1, 5001));
-    QCOMPARE(mNetwork->distribution.value(CANopen::PDO), 5001u);
-}
-
 void TestWorker::resetInACallDropsTheRestOfTheFrame_data()
 {
     QTest::addColumn<QByteArray>("trace");
@@ -652,65 +583,6 @@ void TestWorker::resetInACallDropsTheRestOfTheFrame()
     QCOMPARE(mNetwork->takeCalls().constLast(), QStringLiteral("reset")); // nothing more of the frame reached the model
 }
 
-void TestWorker::rescuedFramesSurviveAReset()
-{
-    mStore->appendPdos(4);
-    mStore->clear();
-    mStore->appendPdos(1);
-    mWorker->reset();
-    mNetwork->inCall = [&](const QString &call) {
-        if (call == QLatin1String("frame 2"))
-            mWorker->reset(); // drops the rest of the rescued frame in hand, and no other
-    };
-    runToTheEnd();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 4) + numbers(1, 1));
-    QCOMPARE(mNetwork->distribution.value(CANopen::PDO), 3u); // frames 3 and 4, and the new one
-}
-
-void TestWorker::resetAtTheEndOfTheLineStartsOver()
-{
-    mStore->appendPdos(3);
-    int ends = 0;
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        if (found)
-            return;
-        if (++ends == 1)
-            mWorker->reset(); // not paused, so it goes on with the first frame
-        else
-            mWorker->stop();
-    };
-    resumeAndRun();
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 3) + numbers(1, 3));
-}
-
-void TestWorker::pauseAndStopWhileRescuedFramesAreHandled_data()
-{
-    QTest::addColumn<bool>("stop");
-    QTest::newRow("pause and reset: nothing new is analysed") << false;
-    QTest::newRow("stop") << true;
-}
-
-void TestWorker::pauseAndStopWhileRescuedFramesAreHandled()
-{
-    QFETCH(bool, stop);
-    mStore->appendTrace("185 01\n185 02");
-    mStore->clear();
-    mStore->appendTrace("285 01\n285 02");
-    mNetwork->inCall = [&](const QString &call) {
-        if (call != QLatin1String("pdo 185"))
-            return;
-        if (stop)
-            mWorker->stop();
-        mWorker->setPause(true);
-        mWorker->reset();
-    };
-    QTimer::singleShot(50, mWorker.get(), [&] { mWorker->stop(); }); // served in the pause
-    resumeAndRun();
-    QVERIFY(!mNetwork->takeCalls().contains(QStringLiteral("pdo 285")));
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 2));
-    QCOMPARE(mWorker->calculateRating(), qint16(0));
-}
-
 // ---- model, store or worker missing ------------------------------------------------------------------------------------
 
 void TestWorker::missingModelOrStore_data()
@@ -739,53 +611,6 @@ void TestWorker::missingModelOrStore()
     QCOMPARE(mWorker->messageTypeDistribution().size(), network ? 8 : 0);
     QCOMPARE(mWorker->calculateRating(), qint16(0));
     resumeAndRun(); // returns at once
-}
-
-void TestWorker::modelOrStoreVanishes_data()
-{
-    QTest::addColumn<QString>("what");
-    QTest::addColumn<int>("recorded");
-    QTest::newRow("model, at the event point: the frame in hand must not reach it") << "model" << 4999;
-    QTest::newRow("store, at the event point") << "store" << 5000;
-    QTest::newRow("store, while a frame is recorded") << "store in a call" << 4999;
-}
-
-void TestWorker::modelOrStoreVanishes()
-{
-    QFETCH(QString, what);
-    mStore->appendPdos(5001);
-    QList<quint32> recorded;
-    if (what == QLatin1String("model")) {
-        QTest::ignoreMessage(QtDebugMsg, "void CANopenNetworkAnalyzerWorker::analyze() Line: 171 ¯\\_(ツ)_/¯");
-        atTheEventPoint([&] {
-            recorded = mNetwork->takeFrames();
-            mNetwork.reset();
-        });
-    } else if (what == QLatin1String("store")) {
-        atTheEventPoint([&] { mStore.reset(); });
-    } else {
-        mNetwork->inCall = [&](const QString &call) {
-            if (call == QLatin1String("frame 4999"))
-                mStore.reset();
-        };
-    }
-    resumeAndRun(); // ends by itself
-    if (mNetwork)
-        recorded = mNetwork->takeFrames();
-    QTEST(recorded.size(), "recorded");
-    mWorker->reset();
-    mWorker->reanalyze();
-    QCOMPARE(mWorker->calculateRating(), qint16(0));
-}
-
-void TestWorker::workerDeletedAtAnEventPoint()
-{
-    mStore->appendPdos(5001);
-    atTheEventPoint([&] { mWorker.reset(); });
-    mWorker->setAnalyzing(true);
-    mWorker->analyze(); // must return and touch nothing of the worker
-    QVERIFY(!mWorker);
-    QCOMPARE(mNetwork->takeFrames().size(), 4999);
 }
 
 QTEST_GUILESS_MAIN(TestWorker)
