@@ -128,7 +128,7 @@ void TestCanopenAnalyze::helpNamesEveryOption()
 {
     const Run run = analyze({"--help"});
     QCOMPARE(run.status, 0);
-    for (const char *option : {"--line", "--all", "--json", "--version", "--help"})
+    for (const char *option : {"--line", "--offline", "--all", "--json", "--version", "--help"})
         QVERIFY2(run.out.contains(option), option);
 }
 
