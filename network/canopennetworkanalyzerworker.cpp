@@ -330,7 +330,6 @@ void CANopenNetworkAnalyzerWorker::rescueUnreadFrames()
         return;
     mPendingMessages += rescued;
     mClearPending.exchange(true);
-    lookAgain();
 }
 
 void CANopenNetworkAnalyzerWorker::onDatachunkCleared(bool isLive)

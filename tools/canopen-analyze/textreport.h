@@ -45,7 +45,7 @@ private:
     std::string row(const NodeEmergency &found) const;
     std::string row(const InMemory::NmtCommand &command) const;
     std::string row(const SdoAccess &access) const;
-    std::string rowStart(quint32 number, CanTimeStamp time, quint32 node) const;
+    std::string rowStart(quint32 number, CanTimeStamp when, quint32 node) const;
     std::string columnTitles() const;
 
     void heading(const std::string &text);
