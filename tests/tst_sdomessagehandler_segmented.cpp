@@ -48,15 +48,6 @@ void TestSegmentedInHandler::conversation_data()
         605  09 41 42 43 00 00 00 00
         585  09 44 45 46 00 00 00 00 => read 5 1008:00 = 44 45 46 asked 3ms
         585  20 00 00 00 00 00 00 00 => write 5 2000:00 = 41 42 43 asked 0ms)");
-    QTest::newRow("downloads of two nodes at the same time") << QByteArray(R"(
-        605  21 00 20 00 01 00 00 00
-        606  21 00 20 00 01 00 00 00
-        585  60 00 20 00 00 00 00 00
-        586  60 00 20 00 00 00 00 00
-        606  0D 42 00 00 00 00 00 00
-        605  0D 41 00 00 00 00 00 00
-        585  20 00 00 00 00 00 00 00 => write 5 2000:00 = 41 asked 0ms
-        586  20 00 00 00 00 00 00 00 => write 6 2000:00 = 42 asked 1ms)");
     QTest::newRow("download: second segment with the toggle of the first") << QByteArray(R"(
         605  21 00 20 00 0A 00 00 00
         585  60 00 20 00 00 00 00 00
@@ -95,11 +86,6 @@ void TestSegmentedInHandler::conversation_data()
         585  41 09 10 00 05 00 00 00 => error 0, listed
         605  60 00 00 00 00 00 00 00
         585  09 41 42 43 00 00 00 00 => read 5 1008:00 = 41 42 43 asked 1ms)");
-    QTest::newRow("upload: request with the wrong toggle") << QByteArray(R"(
-        605  40 08 10 00 00 00 00 00
-        585  41 08 10 00 03 00 00 00
-        605  70 00 00 00 00 00 00 00 => error 4
-        585  09 41 42 43 00 00 00 00 => error 0, listed)");
     QTest::newRow("upload: two answers to one request") << QByteArray(R"(
         605  40 08 10 00 00 00 00 00
         585  41 08 10 00 0A 00 00 00
