@@ -59,22 +59,40 @@ void fillWithProcessData(InMemoryDatachunkHandler &store)
         append(store, quint32(0x181 + i % 120), {1, 2, 3, 4, 5, 6, 7, i & 0xFF});
 }
 
-/// Expedited writes and reads and a segmented read by turns, on 30 nodes and 100 objects.
+/// Ten frames: an expedited write, an expedited read and a segmented read, on 30 nodes and 100 objects by turns.
+void appendSdo(InMemoryDatachunkHandler &store, int turn)
+{
+    const auto node = quint32(1 + turn % 30);
+    const int object = turn % 100;
+    const int value = turn & 0xFF;
+    append(store, 0x600 + node, {0x23, object, 0x20, 0, value, 0, 0, 0});
+    append(store, 0x580 + node, {0x60, object, 0x20, 0, 0, 0, 0, 0});
+    append(store, 0x600 + node, {0x40, object, 0x20, 1, 0, 0, 0, 0});
+    append(store, 0x580 + node, {0x4F, object, 0x20, 1, value, 0, 0, 0});
+    append(store, 0x600 + node, {0x40, object, 0x30, 0, 0, 0, 0, 0});
+    append(store, 0x580 + node, {0x41, object, 0x30, 0, 14, 0, 0, 0});
+    append(store, 0x600 + node, {0x60, 0, 0, 0, 0, 0, 0, 0});
+    append(store, 0x580 + node, {0x00, 1, 2, 3, 4, 5, 6, 7});
+    append(store, 0x600 + node, {0x70, 0, 0, 0, 0, 0, 0, 0});
+    append(store, 0x580 + node, {0x11, 1, 2, 3, 4, 5, 6, 7});
+}
+
 void fillWithSdo(InMemoryDatachunkHandler &store)
 {
-    for (int i = 0; store.getMessageCount() < frameCount; ++i) {
-        const auto node = quint32(1 + i % 30);
-        const int object = i % 100;
-        append(store, 0x600 + node, {0x23, object, 0x20, 0, i & 0xFF, 0, 0, 0});
-        append(store, 0x580 + node, {0x60, object, 0x20, 0, 0, 0, 0, 0});
-        append(store, 0x600 + node, {0x40, object, 0x20, 1, 0, 0, 0, 0});
-        append(store, 0x580 + node, {0x4F, object, 0x20, 1, i & 0xFF, 0, 0, 0});
-        append(store, 0x600 + node, {0x40, object, 0x30, 0, 0, 0, 0, 0});
-        append(store, 0x580 + node, {0x41, object, 0x30, 0, 14, 0, 0, 0});
-        append(store, 0x600 + node, {0x60, 0, 0, 0, 0, 0, 0, 0});
-        append(store, 0x580 + node, {0x00, 1, 2, 3, 4, 5, 6, 7});
-        append(store, 0x600 + node, {0x70, 0, 0, 0, 0, 0, 0, 0});
-        append(store, 0x580 + node, {0x11, 1, 2, 3, 4, 5, 6, 7});
+    for (int turn = 0; store.getMessageCount() < frameCount; ++turn)
+        appendSdo(store, turn);
+}
+
+/// Of fifty frames 35 process data, 5 SYNCs and heartbeats, 10 SDO.
+void fillWithMixedTraffic(InMemoryDatachunkHandler &store)
+{
+    for (int turn = 0; store.getMessageCount() < frameCount; ++turn) {
+        for (int i = 0; i < 35; ++i)
+            append(store, quint32(0x181 + i * 3), {1, 2, 3, 4, 5, 6, 7, turn & 0xFF});
+        append(store, 0x080, {});
+        for (quint32 node = 1; node < 5; ++node)
+            append(store, 0x700 + node, {0x05});
+        appendSdo(store, turn);
     }
 }
 
@@ -142,6 +160,9 @@ void offlineParser(benchmark::State &state)
 BENCHMARK(bareWalk<fillWithProcessData>)->Name("processData/bare walk")->Unit(benchmark::kMillisecond);
 BENCHMARK(analysisLoop<fillWithProcessData>)->Name("processData/analysis loop")->Unit(benchmark::kMillisecond);
 BENCHMARK(offlineParser<fillWithProcessData>)->Name("processData/offline parser")->Unit(benchmark::kMillisecond);
+BENCHMARK(bareWalk<fillWithMixedTraffic>)->Name("mixed/bare walk")->Unit(benchmark::kMillisecond);
+BENCHMARK(analysisLoop<fillWithMixedTraffic>)->Name("mixed/analysis loop")->Unit(benchmark::kMillisecond);
+BENCHMARK(offlineParser<fillWithMixedTraffic>)->Name("mixed/offline parser")->Unit(benchmark::kMillisecond);
 BENCHMARK(bareWalk<fillWithSdo>)->Name("SDO/bare walk")->Unit(benchmark::kMillisecond);
 BENCHMARK(analysisLoop<fillWithSdo>)->Name("SDO/analysis loop")->Unit(benchmark::kMillisecond);
 BENCHMARK(offlineParser<fillWithSdo>)->Name("SDO/offline parser")->Unit(benchmark::kMillisecond);
