@@ -52,7 +52,7 @@ QString text(const InMemoryCANopenNetwork &network)
 {
     QString all;
     for (const InMemory::Node &node : network.nodes())
-        all += text(node);
+        all += text(network.node(node.nodeId).value_or(node));
     const InMemory::ObjectValues objects = network.objectValues();
     for (auto object = objects.cbegin(); object != objects.cend(); ++object) {
         all += QString::asprintf("%x:%x", object.key().index, object.key().subindex);
