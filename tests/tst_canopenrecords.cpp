@@ -59,6 +59,8 @@ void TestCanopenRecords::payloadBytes_data()
     QTest::newRow("nothing there") << QByteArray("605 40 00 10 00") << 4 << -1 << false << QByteArray();
     QTest::newRow("first beyond the record") << segment << 100 << -1 << true << QByteArray();
     QTest::newRow("negative first") << segment << -1 << 3 << true << QByteArray();
+    QTest::newRow("end of an FD frame") << QByteArray("205 00 01 02 03 04 05 06 07 08 09 0A 0B") << 7 << -1 << true
+                                        << QByteArray("0708090a0b");
     QTest::newRow("count 0") << segment << 1 << 0 << true << QByteArray();
 }
 
@@ -104,7 +106,7 @@ void TestCanopenRecords::entriesAreFoundByTheirObject()
     entries.insert(entry, entry);
     for (const SDO::SDOEntryKey &other :
          {SDO::SDOEntryKey(5, 0x1000, 2), SDO::SDOEntryKey(5, 0x1001, 1), SDO::SDOEntryKey(6, 0x1000, 1)})
-        QVERIFY(!entries.contains(other));
+        QVERIFY(other != object && !entries.contains(other));
     QVERIFY(entries.value(object) == entry);
     QVERIFY(entries.value(object) != SDO::SDOEntry(object)); // a key compares as a key, an entry over all its fields
 

@@ -45,6 +45,7 @@ void TestCOHelper::messageType_data()
     row("680", "UNKNOWN");
     row("691", "Sleep");
     row("6E0", "SDO_DYN_REQ");
+    row("6E1", "UNKNOWN");
     row("6FF", "UNKNOWN");
     row("7E4", "LSS_RES");
     row("7E5", "LSS_REQ");
@@ -67,10 +68,13 @@ void TestCOHelper::messageType_data()
     row("605", "SDO_REQ");
     row("705 80 00", "NMT_EC");
 
+    row("180 R8", "UNKNOWN");
     row("181 R8", "PDO");
     row("57F R0", "PDO");
     row("705 R1", "UNKNOWN"); // node guarding request
+    row("580 R8", "UNKNOWN");
     row("605 R8", "UNKNOWN");
+    row("205 00 01 02 03 04 05 06 07 08 09 0A 0B", "PDO"); // CAN FD
     row("00000585 80 00", "UNKNOWN");
     row("00000181 R8", "UNKNOWN");
     row("00000800", "UNKNOWN");
@@ -86,6 +90,13 @@ void TestCOHelper::messageType()
     if (isAbort)
         found += QStringLiteral(" abort");
     QTEST(found, "expected");
+
+    isAbort = true; // never set to false
+    COHelper::getMessageType(frame(line.constData()).mFrame, isAbort);
+    QVERIFY(isAbort);
+    CAN::CanMessage damaged = frame(line.constData()).mFrame;
+    damaged.mIdentifier |= 0x800; // more than 11 bits without the flag of an extended frame
+    QCOMPARE(COHelper::getMessageType(damaged, isAbort), CANopen::UNKNOWN);
 }
 
 QTEST_APPLESS_MAIN(TestCOHelper)

@@ -165,6 +165,15 @@ void TestSDOMessageHandler::foundEntries_data()
     QTest::newRow("read answer without a value byte: found without a value") << QByteArray(R"(
         605  40 00 10 01 00 00 00 00
         585  43 00 10 01)") << "null of 1: ";
+    QTest::newRow("expedited read, then a segmented one: the number of the request that made the entry")
+        << QByteArray(R"(
+        605  40 00 10 01 00 00 00 00
+        585  43 00 10 01 2B 00 00 00
+        605  40 00 10 01 00 00 00 00
+        585  41 00 10 01 01 00 00 00
+        605  60 00 00 00 00 00 00 00
+        585  0D 41 00 00 00 00 00 00)")
+        << "null of 1: 43(1: 0-1 by 2 r) A(1: 3-5 by 6 r)";
 }
 
 void TestSDOMessageHandler::foundEntries()
@@ -307,15 +316,22 @@ void TestSDOMessageHandler::slotsMayReadTheHandler()
     for (const CAN::CanRxMessage &message : frames(R"(
             605  23 00 10 01 2A 00 00 00
             585  60 00 10 01 00 00 00 00 | the value is kept, the request still waits while it is reported
-            585  60 00 10 02 00 00 00 00 | the error is listed before it is reported)"))
+            585  60 00 10 02 00 00 00 00 | the error is listed before it is reported
+            605  23 00 10 03 2A 00 00 00
+            605  23 00 10 03 2B 00 00 00 | the earlier request waits no more, the later one not yet
+            605  40 08 10 00 00 00 00 00
+            585  41 08 10 00 03 00 00 00
+            605  60 00 00 00 00 00 00 00
+            585  09 41 42 43 00 00 00 00 | kept as well)"))
         sdo.feed(message);
-    QCOMPARE(sizes, (QList<int>{1, 1, 0, 1, 0, 1}));
+    QCOMPARE(sizes, (QList<int>{1, 1, 0, 1, 0, 1, 1, 0, 1, 2, 2, 1}));
 }
 
 void TestSDOMessageHandler::signalsCanBeConnectedQueued()
 {
     // Queued connections need the parameter types registered under the spelling that the signals use.
     SDOMessageHandler handler(nullptr, nullptr);
+    QVERIFY(QMetaType::type("CANopen::SdoProtocolErrorType") != QMetaType::UnknownType);
     QList<quint32> values;
     QList<CANopen::SdoProtocolErrorType> errors;
     connect(

@@ -17,6 +17,7 @@ private Q_SLOTS:
     void collectedData();
     void segmentsAreNotDispatched();
     void nodesHaveRecordsOfTheirOwn();
+    void counterIsModulo256();
     void collectedBytesAreBounded();
 };
 
@@ -86,7 +87,12 @@ void TestBlockInHandler::record_data()
         585  C6 00 20 00 12 00 00 00                           => 2u 0/127 0
         585  C6 00 20 00 12 00 00 00                           => 2u 0/127 0
         605  A1 00 00 00 00 00 00 00 | end in any state        => 5u 0/127 0
-        605  A3 00 00 00 00 00 00 00                           => 5u 0/127 0)");
+        605  A3 00 00 00 00 00 00 00                           => 5u 0/127 0
+        605  E4 00 20 00 10 00 00 00 | not defined             => 5u 0/127 0
+        605  A4 00 20 00 7F 00 00 00                           => 1u 0/127 0
+        585  C6 00 20 00 12 00 00 00                           => 2u 0/127 0
+        605  A3 00 00 00 00 00 00 00                           => 3u 0/127 0
+        585  80 00 20 00 00 00 04 05 | abort of the sender     => 3u 0/127 0)");
     QTest::newRow("download answered without a request: takes server frames, direction 0") << QByteArray(R"(
         585  A0 00 20 00 02 00 00 00                           => 3u 0/2 0
         585  60 00 20 00 00 00 00 00 | a segment of number 96  => 3u 1/2 0)");
@@ -94,6 +100,7 @@ void TestBlockInHandler::record_data()
         605  C2 00 20 00 0F 00 00 00                           => 1d 0/0 0
         585  A0 00 20 00 7F 00 00 00                           => 3d 0/127 0
         585  80 00 20 00 00 00 04 05 | abort                   => 3d 0/127 0
+        605  80 00 20 00 00 00 04 05 | abort of the sender     => 3d 0/127 0
         605  23 00 10 00 2A 00 00 00 | segment number 35       => 3d 1/127 0
         605  A4 00 20 00 7F 00 00 00 | last segment            => 4d 2/127 0
         605  A4 00 20 00 10 00 00 00 | initiate upload         => 1u 2/16 0)");
@@ -129,17 +136,18 @@ void TestBlockInHandler::collectedData_data()
         605  82 48 49 4A 4B 4C 00 00
         605  C9 12 34 00 00 00 00 00)") << QByteArray("ABCDEFGHIJKL")
                                             << 12u << 4;
-    QTest::newRow("download, neither") << QByteArray(R"(
+    QTest::newRow("download, neither, though the one before had both") << QByteArray(R"(
+        605  C6 00 20 00 0C 00 00 00
         605  C0 02 20 03 0C 00 00 00
         585  A0 02 20 03 7F 00 00 00
-        605  81 41 42 43 44 45 46 47)") << QByteArray("ABCDEFG")
-                                       << 0u << 0;
-    QTest::newRow("upload: neither is recorded") << QByteArray(R"(
+        605  81 41 42 43 44 45 46 47)") << QByteArray("ABCDEFG") << 0u << 0;
+    QTest::newRow("upload: leaves both as they were") << QByteArray(R"(
+        605  C6 00 20 00 0C 00 00 00
         605  A4 02 20 03 7F 00 00 00
         585  C6 02 20 03 07 00 00 00
         605  A3
         585  81 41 42 43 44 45 46 47)") << QByteArray("ABCDEFG")
-                                                 << 0u << 0;
+                                                      << 12u << 4;
 }
 
 void TestBlockInHandler::collectedData()
@@ -200,18 +208,38 @@ void TestBlockInHandler::nodesHaveRecordsOfTheirOwn()
     QCOMPARE(describe(records.value(7)), QStringLiteral("0u 0/0 0"));
 }
 
+void TestBlockInHandler::counterIsModulo256()
+{
+    SdoWitness sdo;
+    for (const CAN::CanRxMessage &message : frames("605 C2 00 20 00 0F\n585 A0 00 20 00 7F"))
+        sdo.feed(message);
+    for (int segment = 1; segment <= 257; ++segment) {
+        CAN::CanRxMessage message = frame("605 00 41 42 43 44 45 46 47");
+        message.mFrame.mPayload[0] = quint8(segment & 0x7F);
+        sdo.feed(message);
+    }
+    // Only numbers 1 to 127, and the 257th, fit their count.
+    QCOMPARE(describe(sdo.handler.blockTransfers().value(5)), QStringLiteral("3d 1/127 903"));
+}
+
 void TestBlockInHandler::collectedBytesAreBounded()
 {
     SdoWitness sdo;
     sdo.handler.setCollectedBytesLimit(28); // 14 for blocks, 14 for segments
-    for (const CAN::CanRxMessage &message : frames(R"(
-            605  C2 00 20 00 0F 00 00 00
-            585  A0 00 20 00 7F 00 00 00
-            605  01 41 42 43 44 45 46 47
-            605  02 48 49 4A 4B 4C 4D 4E
-            605  83 4F 50 51 52 53 54 55)"))
-        sdo.feed(message);
-    QCOMPARE(describe(sdo.handler.blockTransfers().value(5)), QStringLiteral("4d 3/127 14")); // counted, dropped
+    const QByteArray twoAndOneTooMany = R"(
+        605  C2 00 20 00 0F 00 00 00
+        585  A0 00 20 00 7F 00 00 00
+        605  05 41 42 43 44 45 46 47 | out of sequence: takes nothing
+        585  A2 00 7F 00 00 00 00 00
+        605  01 41 42 43 44 45 46 47
+        605  02 48 49 4A 4B 4C 4D 4E
+        605  83 4F 50 51 52 53 54 55 | counted, dropped)";
+    for (int round = 0; round < 2; ++round) { // a reset gives everything back
+        sdo.handler.reset();
+        for (const CAN::CanRxMessage &message : frames(twoAndOneTooMany))
+            sdo.feed(message);
+        QCOMPARE(describe(sdo.handler.blockTransfers().value(5)), QStringLiteral("4d 3/127 14"));
+    }
     // Block data stay until a reset; segmented transfers have a half of their own.
     QCOMPARE(sdo.follow(R"(
         606  40 08 10 00 00 00 00 00
@@ -222,11 +250,15 @@ void TestBlockInHandler::collectedBytesAreBounded()
     // What the end of a transfer cuts off is free again.
     for (const CAN::CanRxMessage &message : frames(R"(
             605  DD 00 00 00 00 00 00 00
+            605  DD 00 00 00 00 00 00 00
+            605  DD 00 00 00 00 00 00 00 | nothing left
             606  C2 00 20 00 0F 00 00 00
             586  A0 00 20 00 7F 00 00 00
-            606  01 41 42 43 44 45 46 47)"))
+            606  01 41 42 43 44 45 46 47
+            606  02 48 49 4A 4B 4C 4D 4E
+            606  83 4F 50 51 52 53 54 55)"))
         sdo.feed(message);
-    QCOMPARE(describe(sdo.handler.blockTransfers().value(6)), QStringLiteral("3d 1/127 7"));
+    QCOMPARE(describe(sdo.handler.blockTransfers().value(6)), QStringLiteral("4d 3/127 14"));
 }
 
 QTEST_GUILESS_MAIN(TestBlockInHandler)

@@ -13,6 +13,7 @@ class TestResponders : public QObject
 private Q_SLOTS:
     void repeatedAnswers_data();
     void repeatedAnswers();
+    void wholeMillisecondsCount();
     void deferredCheckReportsTheWayBack();
     void deferredCheckKeepsItsDistance();
     void deferredCheckAfterAReset();
@@ -41,9 +42,9 @@ void TestResponders::repeatedAnswers_data()
         585  43 00 10 00 02 00 00 00 => devices 5 x3 last 4)");
     QTest::newRow("exactly 20 ms after the request") << read + QByteArray(R"(
         +17ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
-    QTest::newRow("21 ms after the request: no repeat, and none later") << read + QByteArray(R"(
+    QTest::newRow("21 ms after the request: no repeat, and the object is forgotten") << read + QByteArray(R"(
         +18ms 585  43 00 10 00 02 00 00 00 => error 0, listed
-        +0ms 585  43 00 10 00 02 00 00 00 => error 0, listed)");
+        +-10ms 585  43 00 10 00 02 00 00 00 => error 0, listed)");
     QTest::newRow("time runs backwards: a repeat") << read + QByteArray(R"(
         +-10ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
     QTest::newRow("second answer to a write: the first repeat of a node without a count gives 1") << QByteArray(R"(
@@ -54,8 +55,8 @@ void TestResponders::repeatedAnswers_data()
         605  23 00 10 00 2A 00 00 00
         585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 42 asked 0ms
         585  60 00 10 00 00 00 00 00 => devices 5 x1 last 3
-        605  23 00 10 00 2B 00 00 00
-        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 43 asked 3ms
+        +30ms 605  23 00 10 00 2B 00 00 00
+        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 43 asked 32ms
         585  60 00 10 00 00 00 00 00 => devices 5 x2 last 6)");
     QTest::newRow("repeated answer that opens a segmented upload counts as well") << read + QByteArray(R"(
         585  41 00 10 00 0A 00 00 00 => devices 5 x2 last 3)");
@@ -66,7 +67,13 @@ void TestResponders::repeatedAnswers_data()
         585  41 08 10 00 01 00 00 00
         605  60 00 00 00 00 00 00 00
         585  0D 41 00 00 00 00 00 00 => read 5 1008:00 = 41 asked 1ms
-        585  0D 41 00 00 00 00 00 00 => error 0, listed)");
+        605  80 08 10 00 00 00 00 00 | ends the waiting request
+        585  43 08 10 00 01 00 00 00 => error 0, listed
+        605  21 00 20 00 01 00 00 00
+        585  60 00 20 00 00 00 00 00
+        605  0D 41 00 00 00 00 00 00
+        585  20 00 00 00 00 00 00 00 => write 5 2000:00 = 41 asked 6ms
+        585  60 00 20 00 00 00 00 00 => error 0, listed)");
     QTest::newRow("read of the next object sets the count back, silently for now") << read + QByteArray(R"(
         585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3
         605  40 01 10 00 00 00 00 00
@@ -83,6 +90,15 @@ void TestResponders::repeatedAnswers()
     QFETCH(QByteArray, trace);
     SdoWitness sdo;
     QCOMPARE(sdo.follow(trace), QString());
+}
+
+void TestResponders::wholeMillisecondsCount()
+{
+    SdoWitness sdo;
+    QCOMPARE(sdo.follow(read), QString());
+    CAN::CanRxMessage repeat = frame("585 43 00 10 00 02");
+    repeat.mTimeStamp = CanTimeStamp::fromNSecs(20999999);
+    QCOMPARE(sdo.feed(repeat), QStringLiteral("devices 5 x2 last 1"));
 }
 
 QString TestResponders::waitForFindings(SdoWitness &sdo)
@@ -108,6 +124,13 @@ void TestResponders::deferredCheckReportsTheWayBack()
     QCOMPARE(sdo.follow(read + "585  43 00 10 00 02 => devices 5 x2 last 3"), QString());
     QCOMPARE(sdo.follow(read), QString());
     QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3"));
+
+    // A late answer sets the count back, too. One check reports every node.
+    QCOMPARE(sdo.follow(read
+                        + "585  43 00 10 00 02 => devices 5 x2 last 3\n+30ms 585  43 00 10 00 02 => error 0, listed\n"
+                          "606  40 00 10 00\n586  43 00 10 00 01 => read 6 1000:00 = 1 asked 35ms"),
+             QString());
+    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3, devices 6 x1 last 3"));
 }
 
 void TestResponders::deferredCheckKeepsItsDistance()
@@ -123,7 +146,9 @@ void TestResponders::deferredCheckKeepsItsDistance()
 void TestResponders::deferredCheckAfterAReset()
 {
     SdoWitness sdo;
-    QCOMPARE(sdo.follow(read + "585  43 00 10 00 02 => devices 5 x2 last 3"), QString());
+    QCOMPARE(sdo.follow("605 23 00 10 00 2A\n585 60 00 10 00 => write 5 1000:00 = 42 asked 0ms\n"
+                        "585 60 00 10 00 => devices 5 x1 last 3"),
+             QString());
     sdo.handler.reset();
     QCOMPARE(waitForFindings(sdo), QString());
     // The reported counts start again; the last repeat's number stays.

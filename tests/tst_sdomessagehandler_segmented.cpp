@@ -39,6 +39,11 @@ void TestSegmentedInHandler::conversation_data()
 
     QTest::newRow("download") << download;
     QTest::newRow("upload") << upload;
+    QTest::newRow("download to node-ID 0: its number is not looked at there") << QByteArray(R"(
+        600  21 00 20 00 01 00 00 00
+        580  60 00 20 00 00 00 00 00
+        600  0D 41 00 00 00 00 00 00
+        580  20 00 00 00 00 00 00 00 => write 0 2000:00 = 41 asked 0ms)");
     QTest::newRow("download and upload of one node at the same time") << QByteArray(R"(
         605  21 00 20 00 03 00 00 00
         605  40 08 10 00 00 00 00 00
@@ -116,6 +121,7 @@ void TestSegmentedInHandler::conversation()
     QFETCH(QByteArray, trace);
     SdoWitness sdo;
     QCOMPARE(sdo.follow(trace), QString());
+    QVERIFY(sdo.handler.foundSDOEntryList().isEmpty()); // the history is off by default
 }
 
 void TestSegmentedInHandler::keptValues()
