@@ -2,16 +2,21 @@
 
 #include "recordingnetwork.h"
 #include "scriptedstore.h"
+#include "sdo/sdomessagehandler.h"
 
 #include <QTimer>
 #include <QtTest>
 
 #include <condition_variable>
+#include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <thread>
 
 using Worker = CANopenNetworkAnalyzerWorker;
+using Visit = std::function<void(Worker &)>;
+Q_DECLARE_METATYPE(Visit)
 
 /// Dispatch, NMT error control, rating, and the loop. The loop runs in the test's own thread; the store and the model act at the
 /// right call, so each interleaving is forced. What needs the analysis thread is in tst_canopennetworkanalyzer.
@@ -35,13 +40,17 @@ private Q_SLOTS:
     void story();
     void eventsEvery5000Frames();
 
+    void guestsWaitForTheFrameInHand_data();
+    void guestsWaitForTheFrameInHand();
     void clearBetweenFetchAndCounting();
-    void nothingIsFetchedWhileTheStoreIsCleared();
 
     void reanalyzeStartsOver();
     void resetInACallDropsTheRestOfTheFrame_data();
     void resetInACallDropsTheRestOfTheFrame();
 
+    void pausedLoopSleepsAndLendsItsLock();
+    void analysesItsOwnLine();
+    void modelVanishesWhileRescuedFramesAreHandled();
     void missingModelOrStore_data();
     void missingModelOrStore();
 
@@ -127,6 +136,10 @@ void TestWorker::dispatch_data()
         605  40 00 10 01 00 00 00 00 => SDO_REQ
         585  43 00 10 01 2A 00 00 00 => SDO_RES, node 5, value 5 1000:01 = 42 read 0ms-1ms by 2
         585  43 00 10 01 2A 00 00 00 => SDO_RES, node 5, devices 5 x2 last 3)");
+    QTest::newRow("an abort ends the waiting request") << QByteArray(R"(
+        605  40 00 10 01 00 00 00 00 => SDO_REQ
+        585  80 00 10 01 00 00 02 06 => SDO_ABORT, aborts +1
+        585  43 00 10 01 2A 00 00 00 => SDO_RES, node 5, errors +1)");
     QTest::newRow("aborts are no answers of a node") << QByteArray(R"(
         605  80 00 10 01 00 00 04 05 => SDO_ABORT, aborts +1
         585  80 00 10 01 00 00 04 05 => SDO_ABORT, aborts +1)");
@@ -246,7 +259,8 @@ void TestWorker::rating_data()
     QTest::newRow("one unhandled frame in a hundred") << 99 << 0 << 1 << 0 << 99;
     QTest::newRow("one error in a hundred") << 99 << 0 << 0 << 1 << 95;
     QTest::newRow("ten of each in a hundred") << 70 << 10 << 10 << 10 << 20;
-    QTest::newRow("each term is cut off by itself") << 994 << 3 << 3 << 0 << 100;
+    QTest::newRow("each term is cut off by itself") << 990 << 4 << 6 << 0 << 100;
+    QTest::newRow("the error term is multiplied before it is cut off") << 199 << 0 << 0 << 1 << 98;
     QTest::newRow("the abort term is doubled before it is cut off") << 195 << 5 << 0 << 0 << 95;
     QTest::newRow("never below 0") << 70 << 0 << 0 << 30 << 0;
     QTest::newRow("one point left") << 1 << 0 << 99 << 0 << 1;
@@ -295,6 +309,9 @@ void TestWorker::ratingAfterAClear()
     resumeAndRun();
     // 2 unhandled of 4; cleared: no frame; then the 2 from before against 4 new ones
     QCOMPARE(ratings, (QList<int>{50, 0, 50}));
+    for (int i = 0; i < 1400; ++i) // 35000 in a hundred
+        mWorker->handleMessage(frame("100"));
+    QCOMPARE(mWorker->calculateRating(), qint16(0));
 }
 
 // ---- the loop ----------------------------------------------------------------------------------------------------------
@@ -327,6 +344,16 @@ void TestWorker::story_data()
         "at first: live, resume \n end 1: wait \n end 2: wait \n end 3: append 1, not live", "1", 1);
     row("reset at the end starts over", "at first: append 3, resume \n end 1: reset", "1-3 1-3", 3);
 
+    row("a clear neither resumes nor hands on what it has rescued",
+        "at first: append 3, clear, append 2 \n later: stop", "", 0);
+    row("live reception begins at the end of a recording",
+        "at first: append 1, resume \n end 1: live \n end 2: append 1", "1-2", 2);
+    row("no end of a recording while the store is cleared, and nothing is fetched",
+        "at first: append 2, resume \n end 1, then: begin clear \n later: end clear", "1-2 1-2", 4);
+    row("nothing is fetched from a live line while the store is cleared",
+        "at first: live, append 2, resume \n end 1, then: begin clear \n later: end clear", "1-2 1-2", 4);
+    row("a clear that is announced twice", "at first: append 3, begin clear, begin clear, end clear, resume", "1-3 1-3",
+        6);
     row("cleared while paused, three times", "at first: append 3, clear, append 2, clear, clear, append 1, resume",
         "1-3 1-2 1", 6);
     row("cleared while rescued frames are handled",
@@ -348,6 +375,8 @@ void TestWorker::story_data()
     row("model gone with a frame in hand", "at first: append 5001, resume \n event point: drop model", "1-4999", -1);
     row("store gone with a frame in hand", "at first: append 5001, resume \n event point: drop store", "1-5000", 5000);
     row("store gone while a frame is recorded", "at first: append 3, resume \n frame 2: drop store", "1-2", 2);
+    row("worker gone in the pause", "at first: append 1 \n later: drop worker", "", 0);
+    row("worker gone at the end of the line", "at first: append 2, resume \n end 1, then: drop worker", "1-2", 2);
     row("worker gone with a frame in hand", "at first: append 5001, resume \n event point: drop worker", "1-4999",
         4999);
 }
@@ -408,7 +437,11 @@ void TestWorker::story()
         QTest::ignoreMessage(QtDebugMsg, "void CANopenNetworkAnalyzerWorker::analyze() Line: 171 ¯\\_(ツ)_/¯");
     QTimer::singleShot(50, &scene, [&] { now(QStringLiteral("later")); });
     now(QStringLiteral("at first"));
+    mDescriptions.insert(0x185, CANopen::CANopenMessageDescription());
     run();
+    QCOMPARE(mDescriptions.isEmpty(), mWorker == nullptr);
+    if (mWorker && !mNetwork)
+        mWorker->handleMessage(frame("185"));
     told.remove(QStringLiteral("later"));
     QVERIFY2(told.isEmpty(), "not all of the story has happened");
     if (mNetwork) {
@@ -423,6 +456,8 @@ void TestWorker::act(const QString &verb, int count)
     const QHash<QString, std::function<void()>> verbs = {
         {"append", [&] { mStore->appendPdos(count); }},
         {"clear", [&] { mStore->clear(); }},
+        {"begin clear", [&] { Q_EMIT mStore->informAboutClearStart(); }}, // of a store that then discards nothing
+        {"end clear", [&] { Q_EMIT mStore->informAboutCleared(true); }},
         {"resume", [&] { mWorker->setAnalyzing(true); }},
         {"pause", [&] { mWorker->setPause(true); }},
         {"stop", [&] { mWorker->stop(); }},
@@ -456,6 +491,39 @@ void TestWorker::eventsEvery5000Frames()
     QCOMPARE(mNetwork->takeFrames().size(), 10001);
 }
 
+void TestWorker::guestsWaitForTheFrameInHand_data()
+{
+    QTest::addColumn<Visit>("visit");
+    QTest::newRow("reset()") << Visit([](Worker &w) { w.reset(); });
+    QTest::newRow("reanalyze()") << Visit([](Worker &w) { w.reanalyze(); });
+    QTest::newRow("calculateRating()") << Visit([](Worker &w) { w.calculateRating(); });
+    QTest::newRow("ratingCounts()") << Visit([](Worker &w) { w.ratingCounts(); });
+    QTest::newRow("messageTypeDistribution()") << Visit([](Worker &w) { w.messageTypeDistribution(); });
+    QTest::newRow("protocolErrors()") << Visit([](Worker &w) { w.protocolErrors(); });
+    QTest::newRow("pendingSDOEntryList()") << Visit([](Worker &w) { w.pendingSDOEntryList(); });
+    QTest::newRow("blockTransfers()") << Visit([](Worker &w) { w.blockTransfers(); });
+}
+
+void TestWorker::guestsWaitForTheFrameInHand()
+{
+    QFETCH(Visit, visit);
+    mStore->appendPdos(2);
+    std::promise<void> served;
+    std::future<void> service = served.get_future();
+    std::thread guest;
+    mNetwork->inCall = [&](const QString &call) {
+        if (call != QLatin1String("frame 1") || guest.joinable())
+            return;
+        guest = std::thread([&] {
+            visit(*mWorker);
+            served.set_value();
+        });
+        QVERIFY(service.wait_for(std::chrono::milliseconds(20)) == std::future_status::timeout);
+    };
+    runToTheEnd();
+    guest.join();
+}
+
 void TestWorker::clearBetweenFetchAndCounting()
 {
     mStore->appendPdos(5);
@@ -484,40 +552,14 @@ void TestWorker::clearBetweenFetchAndCounting()
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 5));
 }
 
-void TestWorker::nothingIsFetchedWhileTheStoreIsCleared()
-{
-    CAN::CanRxMessage::mLiveMode = true;
-    mStore->appendPdos(2);
-    bool clearing = false;
-    int fetchesWhileClearing = 0;
-    bool done = false;
-    connect(mStore.get(), &DatachunkHandler::informAboutClearStart, mWorker.get(), [&] { clearing = true; });
-    connect(mStore.get(), &DatachunkHandler::informAboutCleared, mWorker.get(), [&] { clearing = false; });
-    mStore->afterFetch = [&](bool found, unsigned int) {
-        fetchesWhileClearing += clearing;
-        if (done && !found)
-            mWorker->stop();
-        if (!found && !done)
-            QTimer::singleShot(0, mWorker.get(), [&] {
-                done = true;
-                Q_EMIT mStore->informAboutClearStart();
-                // The loop goes on polling meanwhile; the end of the clear comes some passes later.
-                QTimer::singleShot(20, mWorker.get(), [&] { Q_EMIT mStore->informAboutCleared(true); });
-            });
-    };
-    resumeAndRun();
-    QCOMPARE(fetchesWhileClearing, 0);
-    // This store discarded nothing, so position 0 holds the old frames.
-    QCOMPARE(mNetwork->takeFrames(), numbers(1, 2) + numbers(1, 2));
-}
-
 // ---- reset and reanalyze -----------------------------------------------------------------------------------------------
 
 void TestWorker::reanalyzeStartsOver()
 {
     CountingDevice canopen;
+    CountingDevice second;
     ForeignDevice foreign;
-    mNetwork->devices = {&foreign, &canopen, nullptr};
+    mNetwork->devices = {&foreign, &canopen, nullptr, &second};
     mStore->appendTrace(R"(
         605  23 00 10 01 2A 00 00 00
         100
@@ -539,7 +581,7 @@ void TestWorker::reanalyzeStartsOver()
     resumeAndRun();
     QCOMPARE(ends, 2);
     QCOMPARE(mNetwork->takeFrames(), numbers(1, 3) + numbers(1, 3));
-    QCOMPARE(canopen.cleared, 1);
+    QCOMPARE(canopen.cleared + second.cleared, 2);
     QVERIFY(!mNetwork->takeCalls().contains(QStringLiteral("reset"))); // what else the model knows stays
 }
 
@@ -583,6 +625,44 @@ void TestWorker::resetInACallDropsTheRestOfTheFrame()
     QCOMPARE(mNetwork->takeCalls().constLast(), QStringLiteral("reset")); // nothing more of the frame reached the model
 }
 
+void TestWorker::pausedLoopSleepsAndLendsItsLock()
+{
+    int passes = 0;
+    QTimer everyPass;
+    connect(&everyPass, &QTimer::timeout, mWorker.get(), [&] { ++passes; });
+    everyPass.start(0);
+    QTimer::singleShot(300, mWorker.get(), [&] {
+        std::thread([&] { mWorker->ratingCounts(); }).join(); // a guest gets in while events are served
+        mWorker->stop();
+    });
+    run();
+    QVERIFY(passes < 5);
+}
+
+void TestWorker::analysesItsOwnLine()
+{
+    mNetwork = std::make_unique<RecordingNetwork>(3);
+    mWorker = std::make_unique<Worker>(mNetwork.get(), mStore.get(), mDescriptions);
+    for (const int line : {0, 3, 0})
+        mStore->append(static_cast<unsigned char>(line), frame("185 00").mFrame, CanTimeStamp());
+    mStore->clear();
+    for (const int line : {0, 0, 3, 3})
+        mStore->append(static_cast<unsigned char>(line), frame("185 00").mFrame, CanTimeStamp());
+    runToTheEnd();
+    QCOMPARE(mNetwork->takeFrames().size(), 3);
+}
+
+void TestWorker::modelVanishesWhileRescuedFramesAreHandled()
+{
+    mStore->appendTrace("605 40 00 10 01\n585 43 00 10 01 2A\n185 00");
+    mStore->clear();
+    connect(
+        mWorker->sdoMessageHandler(), &SDOMessageHandler::newValue, this, [&] { mNetwork.reset(); },
+        Qt::DirectConnection);
+    resumeAndRun(); // ends by itself
+    QVERIFY(!mNetwork);
+}
+
 // ---- model, store or worker missing ------------------------------------------------------------------------------------
 
 void TestWorker::missingModelOrStore_data()
@@ -605,7 +685,7 @@ void TestWorker::missingModelOrStore()
     mWorker->reset();
     mWorker->reanalyze();
     for (const CAN::CanRxMessage &message :
-         frames("000 01 05\n080\n081\n185\n585 43 00 10 00\n705 05\n100\n605 40 00 10"))
+         frames("000 01 05\n080\n081\n185\n705 05\n100\n605 40 00 10\n585 43 00 10 00 01\n585 43 00 10 00 01"))
         mWorker->handleMessage(message);
     QCOMPARE(mWorker->ratingCounts().value(Worker::RMT_Unhandled), 1u);
     QCOMPARE(mWorker->messageTypeDistribution().size(), network ? 8 : 0);
