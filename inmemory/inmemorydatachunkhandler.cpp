@@ -41,11 +41,13 @@ struct HeldBackFrame
     CanTimeStamp time;
 };
 
-// A clear that has been asked for and is not over, and the frames that were appended since, up to the next such clear.
+// A clear that has been asked for and is not over, and the frames that were appended since, up to the next such clear. Memory
+// for their recording is reserved when they are held back, so that no clear ends half done.
 struct PendingClear
 {
     bool isLive;
     std::vector<HeldBackFrame> heldBack;
+    quint64 longPayloadWords = 0; // of the frames held back
 };
 
 constexpr quint64 twoHalves(quint32 upper, quint32 lower)
@@ -122,7 +124,10 @@ struct InMemoryDatachunkHandler::Private
     bool copyRestOfLine(const Line &line, quint32 position, QList<CAN::CanRxMessage> &frames) const;
     bool isNewEnd(Line &line, quint32 position);
 
-    quint32 write(unsigned char lineNumber, const CAN::CanMessage &frame, CanTimeStamp time);
+    void reserve(Line &line, quint32 place, quint32 position, quint64 longWords);
+    quint32 append(unsigned char lineNumber, const CAN::CanMessage &frame, CanTimeStamp time);
+    quint32 holdBack(PendingClear &clear, const HeldBackFrame &held);
+    quint32 write(unsigned char lineNumber, const CAN::CanMessage &frame, CanTimeStamp time) noexcept;
     quint64 writePayload(const CAN::CanMessage &frame);
     void discardFrames();
 
@@ -236,17 +241,43 @@ bool InMemoryDatachunkHandler::Private::isNewEnd(Line &line, quint32 position)
     return false;
 }
 
+// Provides what write() needs for a frame; longWords is what the long payloads take with it. Throws std::bad_alloc.
+void InMemoryDatachunkHandler::Private::reserve(Line &line, quint32 place, quint32 position, quint64 longWords)
+{
+    records.reserve(quint64(place) + 1);
+    line.places.reserve(quint64(position) + 1);
+    longPayloads.reserve(longWords);
+}
+
+quint32 InMemoryDatachunkHandler::Private::append(unsigned char lineNumber, const CAN::CanMessage &frame,
+                                                  CanTimeStamp time)
+{
+    Line &line = lines[lineNumber];
+    const quint32 current = recording();
+    reserve(line, countIn(current, count), countIn(current, line.count),
+            longPayloadWords + quint64(longPayloadWordsOf(frame)));
+    return write(lineNumber, frame, time);
+}
+
+// Its position in its line is not known yet, but is at most its place in the recording.
+quint32 InMemoryDatachunkHandler::Private::holdBack(PendingClear &clear, const HeldBackFrame &held)
+{
+    const auto place = quint32(clear.heldBack.size());
+    const quint64 longWords = clear.longPayloadWords + quint64(longPayloadWordsOf(held.frame));
+    reserve(lines[held.line], place, place, longWords);
+    clear.heldBack.push_back(held);
+    clear.longPayloadWords = longWords;
+    return firstNumber + place;
+}
+
+// Requires: the memory was reserved.
 quint32 InMemoryDatachunkHandler::Private::write(unsigned char lineNumber, const CAN::CanMessage &frame,
-                                                 CanTimeStamp time)
+                                                 CanTimeStamp time) noexcept
 {
     Line &line = lines[lineNumber];
     const quint32 current = recording();
     const quint32 place = countIn(current, count);
     const quint32 position = countIn(current, line.count);
-    records.reserve(place + 1);
-    line.places.reserve(position + 1);
-    longPayloads.reserve(longPayloadWords + quint64(longPayloadWordsOf(frame)));
-
     Record &record = records.at(place);
     record.time.store(quint64(time.toNSecs()), std::memory_order_release);
     record.head.store(headOf(frame, lineNumber), std::memory_order_release);
@@ -291,18 +322,15 @@ std::optional<quint32> InMemoryDatachunkHandler::append(unsigned char line, cons
         return std::nullopt;
     const std::lock_guard<std::mutex> lock(d->writing);
     if (d->pendingClears.empty())
-        return getMessageCount() < INT_MAX ? std::make_optional(d->write(line, frame, time)) : std::nullopt;
-    auto &heldBack = d->pendingClears.back().heldBack;
-    if (heldBack.size() >= INT_MAX)
-        return std::nullopt;
-    heldBack.push_back({line, frame, time});
-    return d->firstNumber + quint32(heldBack.size() - 1);
+        return getMessageCount() < INT_MAX ? std::make_optional(d->append(line, frame, time)) : std::nullopt;
+    PendingClear &clear = d->pendingClears.back();
+    return clear.heldBack.size() < INT_MAX ? std::make_optional(d->holdBack(clear, {line, frame, time})) : std::nullopt;
 }
 
 bool InMemoryDatachunkHandler::clear(bool isLive)
 {
     std::unique_lock<std::mutex> lock(d->writing);
-    d->pendingClears.push_back({isLive, {}});
+    d->pendingClears.push_back({isLive, {}, 0});
     if (d->pendingClears.size() > 1)
         return false; // left to the thread that carries out the first one: waiting for its slots could be a deadlock
     while (!d->pendingClears.empty()) {
@@ -325,6 +353,8 @@ bool InMemoryDatachunkHandler::clear(bool isLive)
 void InMemoryDatachunkHandler::squeeze()
 {
     const std::lock_guard<std::mutex> lock(d->writing);
+    if (!d->pendingClears.empty())
+        return; // it would take away what is reserved for the frames held back
     d->records.squeeze(Private::countIn(d->recording(), d->count));
     d->longPayloads.squeeze(d->longPayloadWords);
     for (Line &line : d->lines)

@@ -61,7 +61,7 @@ public:
     /// the other.
     bool clear(bool isLive = false);
 
-    /// Gives back the memory that the recording does not use.
+    /// Gives back the memory that the recording does not use; nothing while a clear runs.
     /// Requires: no other thread fetches from the store meanwhile; so no analyzer or parser runs on it.
     void squeeze();
 

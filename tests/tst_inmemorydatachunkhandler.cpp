@@ -34,6 +34,7 @@ private Q_SLOTS:
     void contract_data() { Contract::addClauses(); }
     void contract() { Contract(factory).checkClause(); }
     void memory();
+    void memoryOfFramesHeldBack();
     void storedFrames_data();
     void storedFrames();
     void messageNumbers();
@@ -66,6 +67,23 @@ void tst_InMemoryDatachunkHandler::memory()
     store.squeeze();
     QCOMPARE(store.memoryUsed(), 0);
     QCOMPARE(recordAndCount(50000), 50000);
+}
+
+// append() gets their memory, or says that there is none. A clear that asked for it in its end could not be finished.
+void tst_InMemoryDatachunkHandler::memoryOfFramesHeldBack()
+{
+    InMemoryDatachunkHandler store;
+    const CAN::CanMessage longFrame = frame("181" + QByteArray(" 33").repeated(64)).mFrame;
+    qint64 reserved = 0;
+    connect(&store, &DatachunkHandler::informAboutCleared, this, [&] {
+        for (int n = 0; n < 10000; ++n)
+            store.append(quint8(n % 2), longFrame, CanTimeStamp());
+        store.squeeze();
+        reserved = store.memoryUsed();
+    });
+    store.clear();
+    QCOMPARE(store.getMessageCount(), 10000);
+    QCOMPARE(store.memoryUsed(), reserved);
 }
 
 void tst_InMemoryDatachunkHandler::storedFrames_data()
