@@ -31,7 +31,22 @@ function(canopenanalysis_library target export_name export_header)
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/canopenanalysis>)
     target_link_libraries(${target} PUBLIC Qt5::Core)
+    target_link_options(${target} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
     set_target_properties(${target} PROPERTIES
-        EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+        EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+        LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    canopenanalysis_public_headers(${target} ${PROJECT_BINARY_DIR}/generated/${export_header})
     canopenanalysis_warnings(${target})
+endfunction()
+
+# canopenanalysis_public_headers(TARGET GENERATED_HEADER): what is installed for hosts: every header of the target but those whose
+# name ends in _p.h.
+function(canopenanalysis_public_headers target generated_header)
+    get_target_property(headers ${target} SOURCES)
+    list(FILTER headers INCLUDE REGEX "\\.h$")
+    list(FILTER headers EXCLUDE REGEX "_p\\.h$")
+    list(TRANSFORM headers PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+    target_sources(${target} PUBLIC
+        FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${headers}
+        FILE_SET generated TYPE HEADERS BASE_DIRS ${PROJECT_BINARY_DIR}/generated FILES ${generated_header})
 endfunction()
