@@ -47,8 +47,10 @@ if(CANOPENANALYSIS_BUILD_TOOLS)
     file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
     set_target_properties(canopen-analyze PROPERTIES INSTALL_RPATH $ORIGIN/${bin_to_lib})
     install(TARGETS canopen-analyze RUNTIME COMPONENT tool)
-    install(FILES ${PROJECT_SOURCE_DIR}/tools/canopen-analyze/canopen-analyze.1
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool OPTIONAL)
+    if(NOT CANOPENANALYSIS_DEBIAN_PACKAGES) # they hold it compressed
+        install(FILES ${PROJECT_SOURCE_DIR}/tools/canopen-analyze/canopen-analyze.1
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool OPTIONAL)
+    endif()
 endif()
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development FILES_MATCHING PATTERN "*.md")
