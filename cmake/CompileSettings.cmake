@@ -37,6 +37,9 @@ function(canopenanalysis_library target export_name export_header)
         LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
     canopenanalysis_public_headers(${target} ${PROJECT_BINARY_DIR}/generated/${export_header})
     canopenanalysis_warnings(${target})
+    if(CANOPENANALYSIS_NO_EXCEPTIONS)
+        target_compile_options(${target} PRIVATE -fno-exceptions)
+    endif()
 endfunction()
 
 # canopenanalysis_public_headers(TARGET GENERATED_HEADER): what is installed for hosts: every header of the target but those whose
