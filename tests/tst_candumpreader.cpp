@@ -6,7 +6,7 @@ namespace {
 
 // Writes down what the reader finds: a frame as "line/time in ns/identifier with a letter for each flag/bytes", a bad line
 // as "line number: problem: text". The flags: extended, remote, error, CAN FD.
-class Witness final : public CandumpSink
+class Witness final : public FrameSink
 {
 public:
     QStringList found;
@@ -20,9 +20,9 @@ public:
         if (msg.mMessageNumber != ++mFrames)
             found.last() += QStringLiteral(" is number %1").arg(msg.mMessageNumber);
     }
-    void badLine(quint64 lineNumber, const char *problem, std::string_view text) override
+    void badPiece(quint64 number, const char *problem, std::string_view text) override
     {
-        found += QStringLiteral("%1: %2: ").arg(lineNumber).arg(problem) + QByteArray(text.data(), int(text.size()));
+        found += QStringLiteral("%1: %2: ").arg(number).arg(problem) + QByteArray(text.data(), int(text.size()));
     }
 
 private:
@@ -149,7 +149,7 @@ void TestCandumpReader::interfacesBecomeLines()
                                   "1/5000000000/702/05"};
     QCOMPARE(witness.found, expected);
     QCOMPARE(reader.interfaces(), (std::vector<std::string>{"can1", "can0", "can10"}));
-    QCOMPARE(reader.lineCount(), 10ULL);
+    QCOMPARE(reader.pieceCount(), 10ULL);
 }
 
 void TestCandumpReader::interfacesEnd()

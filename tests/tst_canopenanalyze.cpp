@@ -100,11 +100,13 @@ void TestCanopenAnalyze::refusals_data()
     row("--line without a name", {mixed, "--line"}, "", "--line needs the name of an interface, such as can0.");
     row("missing file", {"missing.log"}, "", "Cannot open missing.log: No such file or directory.");
     row("name that looks like an option", {"--", "--all"}, "", "Cannot open --all: No such file or directory.");
-    row("directory", {"."}, "", ". is a directory, not a candump log.");
+    row("directory", {"."}, "", ". is a directory, not a recording.");
     row("empty standard input", {"-"}, "", "standard input holds no frames.");
     row("comments only", {"input.log"}, "# nothing was recorded\n\n", "input.log holds no frames.");
     row("compressed file", {"input.log"}, "\x1F\x8B\x08 and so on",
         "input.log is compressed; try: zcat FILE | canopen-analyze -");
+    row("binary file", {"input.log"}, QByteArray::fromHex("7F454C460201010000"),
+        "input.log is neither a candump log nor a capture (pcap, pcapng).");
     row("what candump shows on the screen", {"input.log"}, " can0  705   [1]  05\n",
         "input.log holds no frames as candump -l writes them: (seconds.fraction) interface ID#DATA");
     row("unknown interface", {"--line", "can0", "--line=can7", "-"}, "(1.0) can0 705#05\n",

@@ -279,7 +279,7 @@ void CandumpReader::readLine(const char *begin, const char *end)
         problem = readFrame(pos, end);
     }
     if (problem)
-        mSink.badLine(mLineCount, problem, std::string_view(begin, std::size_t(end - begin)));
+        mSink.badPiece(mLineCount, problem, std::string_view(begin, std::size_t(end - begin)));
 }
 
 const char *CandumpReader::readFrame(const char *pos, const char *end)

@@ -1,7 +1,7 @@
 #ifndef CANOPENANALYZE_CANDUMPREADER_H
 #define CANOPENANALYZE_CANDUMPREADER_H
 
-#include "support/canrecords.h"
+#include "framesink.h"
 
 #include <QtGlobal>
 
@@ -9,22 +9,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-/// Receives what a CandumpReader finds, in the order of the log. Called from CandumpReader::feed() and finish(), in the
-/// thread that calls those; must not call back into the reader.
-class CandumpSink
-{
-public:
-    /// One frame. \a line is the CAN line: the place of the interface in CandumpReader::interfaces().
-    virtual void frame(quint8 line, const CAN::CanRxMessage &msg) = 0;
-
-    /// A line of text that holds no frame. \a lineNumber counts from 1; \a problem says what is wrong and lives forever;
-    /// \a text is the line without its end (its beginning, if it was too long) and lives for the call only.
-    virtual void badLine(quint64 lineNumber, const char *problem, std::string_view text) = 0;
-
-protected:
-    ~CandumpSink() = default;
-};
 
 /// Reads logs as `candump -l` writes them, one frame a line:
 ///
@@ -48,7 +32,7 @@ public:
     static constexpr std::size_t maxInterfaces = 255;
 
     /// \a sink must outlive the reader.
-    explicit CandumpReader(CandumpSink &sink) : mSink(sink) {}
+    explicit CandumpReader(FrameSink &sink) : mSink(sink) {}
 
     /// Reads the next \a size bytes of the log. A line that the block does not complete waits for the next one.
     void feed(const char *data, std::size_t size);
@@ -61,7 +45,7 @@ public:
     /// Frames handed to the sink. They carry the message numbers 1, 2, 3 … over all interfaces.
     quint32 frameCount() const { return mFrameCount; }
     /// Lines of text seen so far, of whatever kind.
-    quint64 lineCount() const { return mLineCount; }
+    quint64 pieceCount() const { return mLineCount; }
 
 private:
     void takeLine(const char *begin, const char *end);
@@ -70,7 +54,7 @@ private:
     const char *readFrame(const char *pos, const char *end);
     int lineOfInterface(std::string_view name);
 
-    CandumpSink &mSink;
+    FrameSink &mSink;
     std::vector<std::string> mInterfaces;
     std::size_t mLastInterface = 0; // most lines come from the interface of the line before
     std::string mPart;              // beginning of a line that the last block did not complete

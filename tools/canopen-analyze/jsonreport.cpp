@@ -49,7 +49,7 @@ void JsonReport::begin()
     mJson.beginObject();
     mJson.key("file").value(mRecording.name);
     number("frames", mRecording.frames);
-    number("badLines", qint64(mRecording.badLines));
+    number("badLines", qint64(mRecording.badPieces));
     mJson.key("startTime").raw(Format::seconds(mRecording.first.toNSecs()));
     mJson.key("startTimeUtc").value(isoTime(mRecording.first));
     mJson.key("duration").raw(Format::seconds(mRecording.last.toNSecs() - mRecording.first.toNSecs()));

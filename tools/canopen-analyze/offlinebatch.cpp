@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <new>
+#include <system_error>
 
 OfflineBatch::OfflineBatch(const Options &options, Progress &progress) : mOptions(options), mProgress(progress)
 {
@@ -18,14 +19,27 @@ OfflineBatch::OfflineBatch(const Options &options, Progress &progress) : mOption
         mJobs.back()->size = QFileInfo(fileName).size();
     }
     const std::size_t threads = std::min(mJobs.size(), std::size_t(std::max(1, QThread::idealThreadCount())));
-    while (mThreads.size() < threads)
-        mThreads.emplace_back([this] { work(); });
+    startThreads(threads);
+    if (mThreads.empty())
+        work();
 }
 
 OfflineBatch::~OfflineBatch()
 {
     for (std::thread &thread : mThreads)
         thread.join();
+}
+
+// Where the system has no more threads to give, fewer do the work.
+void OfflineBatch::startThreads(std::size_t count)
+{
+    mThreads.reserve(count); // a running thread must not be lost for want of memory
+    try {
+        while (mThreads.size() < count)
+            mThreads.emplace_back([this] { work(); });
+    } catch (const std::system_error &) {
+        return;
+    }
 }
 
 OfflineResult OfflineBatch::take(std::size_t place)

@@ -24,7 +24,8 @@ struct OfflineResult
 };
 
 /// Reads and parses the recordings of the command line, as many at a time as there are processors, each in one thread and a
-/// store of its own. A thread takes the next recording when it is done with one and has given the store's memory back.
+/// store of its own. A thread takes the next recording when it is done with one and has given the store's memory back. When no
+/// thread can be had, the constructor does all the work.
 ///
 ///     thread 1   |A: read|parse|C: read|parse|        A.log B.log C.log, two processors
 ///     thread 2   |B: read      |parse|
@@ -57,6 +58,7 @@ private:
         bool isOver = false;
     };
 
+    void startThreads(std::size_t count);
     void work();
     OfflineResult parse(const Job &job);
     OfflineResult parseOrSayWhyNot(const Job &job);

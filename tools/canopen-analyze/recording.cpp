@@ -1,5 +1,8 @@
 #include "recording.h"
 
+#include "candumpreader.h"
+#include "capturereader.h"
+
 #include <QFile>
 #include <QFileInfo>
 
@@ -10,17 +13,18 @@
 
 namespace {
 
-constexpr quint64 badLinesShown = 10;
-constexpr std::size_t badLineWidth = 60;
+constexpr quint64 badPiecesShown = 10;
+constexpr std::size_t badPieceWidth = 60;
 constexpr qint64 blockSize = 1 << 20;
+constexpr qint64 beginningSize = 512; // enough to tell a format
 
 // A damaged log may hold anything; a terminal must not see it.
 std::string printable(std::string_view text)
 {
-    std::string result(text.substr(0, badLineWidth));
+    std::string result(text.substr(0, badPieceWidth));
     std::replace_if(
         result.begin(), result.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    if (text.size() > badLineWidth)
+    if (text.size() > badPieceWidth)
         result += "...";
     return result;
 }
@@ -30,12 +34,19 @@ bool isStandardInput(const QString &fileName)
     return fileName == QLatin1String("-");
 }
 
-bool openLog(QFile &file, const QString &fileName)
+bool openRecording(QFile &file, const QString &fileName)
 {
     if (isStandardInput(fileName))
         return file.open(stdin, QIODevice::ReadOnly | QIODevice::Unbuffered);
     file.setFileName(fileName);
     return file.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+}
+
+// A log begins with a time stamp or a remark, however damaged it is further on.
+bool looksBinary(const QByteArray &beginning)
+{
+    const QByteArray text = beginning.trimmed();
+    return beginning.contains('\0') && !text.startsWith('(') && !text.startsWith('#');
 }
 
 } // namespace
@@ -44,7 +55,6 @@ Recording::Recording(Progress &progress, std::shared_ptr<WorkDone> done)
     : mProgress(progress),
       mShowsReading(!done),
       mDone(done ? std::move(done) : std::make_shared<WorkDone>()),
-      mReader(*this),
       mStore(mDone->framesFetched)
 {
 }
@@ -59,13 +69,13 @@ QString Recording::load(const QString &fileName)
         problem = QStringLiteral("There is not enough memory for %1.").arg(mFacts.name);
     }
     mProgress.clear();
-    if (mFacts.badLines > badLinesShown)
-        mProgress.message(QStringLiteral("%1: %2 more lines could not be read.")
-                              .arg(mFacts.name, QString::number(mFacts.badLines - badLinesShown)));
-    mFacts.interfaces = mReader.interfaces();
-    mFacts.frames = mReader.frameCount();
+    if (mFacts.badPieces > badPiecesShown)
+        mProgress.message(
+            QStringLiteral("%1: %2 more %3s could not be read.")
+                .arg(mFacts.name, QString::number(mFacts.badPieces - badPiecesShown), QLatin1String(mFacts.piece)));
     mDone->frames = mFacts.frames;
-    mFacts.lines = mReader.lineCount();
+    if (problem.isEmpty() && mStoreFull)
+        problem = QStringLiteral("%1 holds more frames than can be analysed at once.").arg(mFacts.name);
     if (problem.isEmpty() && mFacts.frames == 0)
         problem = whyNothingWasFound();
     return problem;
@@ -74,44 +84,67 @@ QString Recording::load(const QString &fileName)
 QString Recording::readFrom(const QString &fileName)
 {
     if (!isStandardInput(fileName) && QFileInfo(fileName).isDir())
-        return QStringLiteral("%1 is a directory, not a candump log.").arg(fileName);
+        return QStringLiteral("%1 is a directory, not a recording.").arg(fileName);
     QFile file;
-    if (!openLog(file, fileName))
+    if (!openRecording(file, fileName))
         return QStringLiteral("Cannot open %1: %2.").arg(mFacts.name, file.errorString());
-    return readAll(file, file.isSequential() ? 0 : file.size());
+    const QByteArray beginning = file.peek(beginningSize);
+    if (beginning.startsWith("\x1F\x8B"))
+        return QStringLiteral("%1 is compressed; try: zcat FILE | canopen-analyze -").arg(mFacts.name);
+    if (CaptureReader::recognises(beginning))
+        return readCapture(file);
+    if (looksBinary(beginning))
+        return QStringLiteral("%1 is neither a candump log nor a capture (pcap, pcapng).").arg(mFacts.name);
+    return readLog(file);
 }
 
-QString Recording::readAll(QIODevice &device, qint64 size)
+QString Recording::readLog(QIODevice &device)
 {
+    CandumpReader reader(*this);
     const auto block = std::make_unique<char[]>(blockSize);
-    qint64 done = 0;
-    for (;;) {
-        const qint64 count = device.read(block.get(), blockSize);
-        if (count < 0)
-            return QStringLiteral("Cannot read %1: %2.").arg(mFacts.name, device.errorString());
-        if (count == 0)
-            break;
-        if (done == 0)
-            mLooksCompressed = count >= 2 && block[0] == '\x1F' && block[1] == '\x8B';
-        if (mLooksCompressed)
-            return whyNothingWasFound();
-        mReader.feed(block.get(), std::size_t(count));
-        done += count;
-        mDone->bytesRead = done;
-        if (mShowsReading)
-            mProgress.show("Reading", done, size);
-    }
-    mReader.finish();
-    return mStoreFull ? QStringLiteral("%1 holds more frames than can be analysed at once.").arg(mFacts.name)
-                      : QString();
+    qint64 count = 0;
+    while ((count = readBlock(device, block.get(), blockSize)) > 0)
+        reader.feed(block.get(), std::size_t(count));
+    if (count < 0)
+        return QStringLiteral("Cannot read %1: %2.").arg(mFacts.name, device.errorString());
+    reader.finish();
+    takeFacts(reader);
+    return {};
+}
+
+QString Recording::readCapture(QIODevice &device)
+{
+    mFacts.piece = "packet";
+    CaptureReader reader(*this);
+    const QString problem = reader.read([&](char *data, qint64 size) { return readBlock(device, data, size); });
+    takeFacts(reader);
+    return problem.isEmpty() ? problem : problem.arg(mFacts.name);
+}
+
+// Returns how many bytes it got, 0 at the end, -1 when it cannot.
+qint64 Recording::readBlock(QIODevice &device, char *block, qint64 size)
+{
+    const qint64 count = device.read(block, size);
+    mDone->bytesRead += std::max<qint64>(0, count);
+    if (mShowsReading)
+        mProgress.show("Reading", mDone->bytesRead, device.isSequential() ? 0 : device.size());
+    return count;
+}
+
+template<typename Reader>
+void Recording::takeFacts(const Reader &reader)
+{
+    mFacts.interfaces = reader.interfaces();
+    mFacts.frames = reader.frameCount();
+    mFacts.pieces = reader.pieceCount();
 }
 
 QString Recording::whyNothingWasFound() const
 {
-    if (mLooksCompressed)
-        return QStringLiteral("%1 is compressed; try: zcat FILE | canopen-analyze -").arg(mFacts.name);
-    if (mFacts.badLines == 0)
+    if (mFacts.badPieces == 0)
         return QStringLiteral("%1 holds no frames.").arg(mFacts.name);
+    if (mFacts.piece == QLatin1String("packet"))
+        return QStringLiteral("%1 holds no frames that can be read.").arg(mFacts.name);
     return QStringLiteral("%1 holds no frames as candump -l writes them: (seconds.fraction) interface ID#DATA")
         .arg(mFacts.name);
 }
@@ -127,13 +160,13 @@ void Recording::frame(quint8 line, const CAN::CanRxMessage &msg)
     mFacts.last = msg.mTimeStamp;
 }
 
-void Recording::badLine(quint64 lineNumber, const char *problem, std::string_view text)
+void Recording::badPiece(quint64 number, const char *problem, std::string_view text)
 {
-    if (++mFacts.badLines > badLinesShown)
+    if (++mFacts.badPieces > badPiecesShown)
         return;
-    mProgress.message(QStringLiteral("%1:%2: %3: %4")
-                          .arg(mFacts.name, QString::number(lineNumber), QLatin1String(problem),
-                               QString::fromStdString(printable(text))));
+    const QLatin1String place(mFacts.piece == QLatin1String("line") ? "%1:%2: %3" : "%1: packet %2: %3");
+    const QString what = QString(place).arg(mFacts.name, QString::number(number), QLatin1String(problem));
+    mProgress.message(text.empty() ? what : what + QLatin1String(": ") + QString::fromStdString(printable(text)));
 }
 
 std::vector<quint8> linesNamed(const QStringList &names, const RecordingFacts &facts, QString &problem)

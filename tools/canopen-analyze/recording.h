@@ -1,8 +1,8 @@
 #ifndef CANOPENANALYZE_RECORDING_H
 #define CANOPENANALYZE_RECORDING_H
 
-#include "candumpreader.h"
 #include "countingstore.h"
+#include "framesink.h"
 #include "progress.h"
 
 #include <QIODevice>
@@ -22,9 +22,11 @@ struct RecordingFacts
     /// Names of the interfaces, by CAN line.
     std::vector<std::string> interfaces;
     quint32 frames = 0;
-    /// Lines of text, and how many of them could not be read.
-    quint64 lines = 0;
-    quint64 badLines = 0;
+    /// What the recording is made of: lines of a log, packets of a capture.
+    const char *piece = "line";
+    /// How many there are, and how many of them could not be read.
+    quint64 pieces = 0;
+    quint64 badPieces = 0;
     /// Time stamps of the first and of the last frame.
     CanTimeStamp first;
     CanTimeStamp last;
@@ -38,17 +40,18 @@ struct WorkDone
     std::atomic<quint64> framesFetched{0}; // by a parser
 };
 
-/// A log that was read into a store.
+/// A log or a capture that was read into a store.
 /// Threads: load() first; afterwards the store may be analysed from any thread.
-class Recording final : private CandumpSink
+class Recording final : private FrameSink
 {
 public:
     /// \a progress must outlive the recording; it shows how far the reading is, unless \a done is given: then the caller
     /// shows that.
     explicit Recording(Progress &progress, std::shared_ptr<WorkDone> done = nullptr);
 
-    /// Reads the log \a fileName (`-` is standard input). Returns an empty text, or one sentence that says why there is
-    /// nothing to analyse. Lines that cannot be read are reported on standard error, the first ten in full. Call once.
+    /// Reads the recording \a fileName (`-` is standard input), in a format that its beginning tells. Returns an empty text,
+    /// or one sentence that says why there is nothing to analyse. Lines or packets that cannot be read are reported on
+    /// standard error, the first ten in full. Call once.
     QString load(const QString &fileName);
 
     InMemoryDatachunkHandler &store() { return mStore; }
@@ -57,19 +60,21 @@ public:
 
 private:
     void frame(quint8 line, const CAN::CanRxMessage &msg) override;
-    void badLine(quint64 lineNumber, const char *problem, std::string_view text) override;
+    void badPiece(quint64 number, const char *problem, std::string_view text) override;
     QString readFrom(const QString &fileName);
-    QString readAll(QIODevice &device, qint64 size);
+    QString readLog(QIODevice &device);
+    QString readCapture(QIODevice &device);
+    qint64 readBlock(QIODevice &device, char *block, qint64 size);
+    template<typename Reader>
+    void takeFacts(const Reader &reader);
     QString whyNothingWasFound() const;
 
     Progress &mProgress;
     const bool mShowsReading;
     const std::shared_ptr<WorkDone> mDone; // never null
-    CandumpReader mReader;
     CountingStore mStore;
     RecordingFacts mFacts;
     bool mStoreFull = false;
-    bool mLooksCompressed = false;
 };
 
 /// The CAN lines of a recording with the \a names, ascending; without names every line. When one of the names does not occur,

@@ -157,9 +157,9 @@ void TextReport::head()
 {
     mOutput << coloured(bold, mRecording.name.toStdString()) << ": " << counted(mRecording.frames, "frame") << ", "
             << counted(mRecording.interfaces.size(), "interface") << ", " << startText(mRecording.first) << '\n';
-    if (mRecording.badLines > 0)
-        mOutput << coloured(red, counted(mRecording.badLines, "line") + " could not be read") << " (of "
-                << Format::number(qint64(mRecording.lines)) << ")\n";
+    if (mRecording.badPieces > 0)
+        mOutput << coloured(red, counted(mRecording.badPieces, mRecording.piece) + " could not be read") << " (of "
+                << Format::number(qint64(mRecording.pieces)) << ")\n";
 }
 
 void TextReport::line(const LineFindings &findings)
