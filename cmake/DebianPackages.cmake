@@ -15,7 +15,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime development tool)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 0upstream1) # below the 1 of a package of Debian itself
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON) # on exactly this version
@@ -24,36 +24,40 @@ set(CPACK_COMPONENT_TOOL_DEPENDS runtime)
 # Where the packages depend on each other, the libraries are looked up in the build.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 
-set(runtime_package libcanopenanalysis${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
+set(what_it_does "Reads the frames of a CANopen network (CiA 301), recorded or live, and tells
+what went on: SDO transfers with their values, frames that break the protocol,
+nodes and their NMT states, emergencies, and how clean the line is.
+")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libcanopenanalysis${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "analyses the traffic of a CANopen network (shared libraries)
- Reads the frames of a CANopen network (CiA 301), recorded or live, and tells
- what went on: SDO transfers with their values, frames that break the protocol,
- nodes and their NMT states, emergencies, and how clean the line is.
- .
- This package holds the shared libraries.")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The trigger has ldconfig run. CPack would add scripts that run it as well, unless it is told of others: these do not exist,
+# of which it warns, and packs what exists.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_LIST_DIR}/debian/triggers
+    ${CMAKE_CURRENT_LIST_DIR}/debian/none/postinst ${CMAKE_CURRENT_LIST_DIR}/debian/none/postrm)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "CANopen traffic analysis, shared libraries
+${what_it_does}
+This package holds the shared libraries.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libcanopenanalysis-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev (>= 5.15)")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "analyses the traffic of a CANopen network (development files)
- Reads the frames of a CANopen network (CiA 301), recorded or live, and tells
- what went on: SDO transfers with their values, frames that break the protocol,
- nodes and their NMT states, emergencies, and how clean the line is.
- .
- This package holds what a program needs that is built with the library:
- headers, the CMake package, pkg-config files, and documents.")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "CANopen traffic analysis, development files
+${what_it_does}
+This package holds what it takes to build a program with the libraries:
+headers, the CMake package, pkg-config files, and documents.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME canopen-analyze)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
-set(CPACK_COMPONENT_TOOL_DESCRIPTION "analyses recordings of CANopen networks
- Reads candump logs of a CANopen network (CiA 301) and prints what went on: SDO
- transfers with their values, frames that break the protocol, nodes and their
- NMT states, emergencies, and how clean the line is; as text or as JSON.")
+set(CPACK_DEBIAN_TOOL_DESCRIPTION "analyser of CANopen traffic
+${what_it_does}
+This package holds a program that reports it as text or as JSON.")
 
 # ---- what Debian wants beside the files of each package --------------------------------------------------------------------------
 set(debian_dir ${PROJECT_BINARY_DIR}/debian)
