@@ -31,6 +31,9 @@ function(canopenanalysis_library target export_name export_header)
         $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/canopenanalysis>)
     target_link_libraries(${target} PUBLIC Qt5::Core)
+    # Nobody replaces single functions of these libraries, so the compiler may inline the exported ones within a file too: a
+    # quarter of the time of a process-data frame.
+    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     target_link_options(${target} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
     set_target_properties(${target} PROPERTIES
         EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}

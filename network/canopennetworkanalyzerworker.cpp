@@ -52,6 +52,11 @@ Container unshared(const Container &original)
     return copy;
 }
 
+unsigned char lineOf(const CANopenNetwork &network)
+{
+    return static_cast<unsigned char>(network.networkID());
+}
+
 /// identifier − base in 16 bits
 short identifierOffset(const CAN::CanMessage &msg, quint32 base)
 {
@@ -138,37 +143,28 @@ bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffer)
 {
     // Guests first: one that pauses the analysis and then resets it must find it empty afterwards.
     mLock->admitGuests();
-    quint32 pauseState = 0;
-    if (!sleepWhilePaused(pauseState))
-        return false;
-    if (handleRescuedFrames())
-        return mRunning; // a guest may have paused or cleared again meanwhile: nothing is fetched before a look at that
+    const quint32 pauseState = mPauseState;
+    if ((pauseState & pausedBit) != 0)
+        return sleepWhilePaused();
+    if (mClearPending)
+        return handleRescuedFrames();
     // Read before the fetch: frames appended before live reception was switched off are still looked for.
     const bool live = CAN::CanRxMessage::mLiveMode;
-    if (!mNetwork || !mDatachunkHandler) {
+    CANopenNetwork *const network = mNetwork;
+    DatachunkHandler *const store = mDatachunkHandler;
+    if (!network || !store) {
         mRunning = false;
         return idle(pauseState, live);
     }
-    return fetch(buffer) ? analyzeFetched(buffer) : idle(pauseState, live);
-}
-
-bool CANopenNetworkAnalyzerWorker::sleepWhilePaused(quint32 &pauseState)
-{
-    pauseState = mPauseState;
-    while ((pauseState & pausedBit) != 0) {
-        if (!serveEvents(pauseSleepMs, 0) || !mRunning)
-            return false;
-        pauseState = mPauseState;
-    }
-    return true;
-}
-
-bool CANopenNetworkAnalyzerWorker::fetch(CAN::CanRxMessage &buffer)
-{
-    if (mClearing || !mDatachunkHandler->getMessageOfLine(buffer, line(), mLinePosition))
-        return false;
+    if (mClearing || !store->getMessageOfLine(buffer, lineOf(*network), mLinePosition))
+        return idle(pauseState, live);
     ++mLinePosition;
-    return true;
+    return analyzeFetched(buffer);
+}
+
+bool CANopenNetworkAnalyzerWorker::sleepWhilePaused()
+{
+    return serveEvents(pauseSleepMs, 0) && mRunning;
 }
 
 bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame)
@@ -178,8 +174,8 @@ bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame
         return false;
 
     if (restarts == mRestarts) {
-        if (mNetwork) {
-            analyzeFrame(frame);
+        if (CANopenNetwork *const network = mNetwork) {
+            analyzeFrame(frame, network);
         } else {
             qDebug() << "void CANopenNetworkAnalyzerWorker::analyze()"
                      << "Line:" << 171 << "¯\\_(ツ)_/¯";
@@ -216,11 +212,9 @@ bool CANopenNetworkAnalyzerWorker::serveEvents(unsigned long sleepBeforeMs, unsi
     return !self.isNull();
 }
 
-/// Whether there were any.
+/// A guest may pause or clear again meanwhile: nothing is fetched afterwards before a look at that.
 bool CANopenNetworkAnalyzerWorker::handleRescuedFrames()
 {
-    if (!mClearPending)
-        return false;
     mClearPending.exchange(false);
 
     // Taken out first: a clear that begins between two of them leaves its frames for the next pass.
@@ -228,23 +222,18 @@ bool CANopenNetworkAnalyzerWorker::handleRescuedFrames()
     rescued.swap(mPendingMessages);
     for (const CAN::CanRxMessage &frame : std::as_const(rescued)) {
         mLock->admitGuests();
-        analyzeFrame(frame);
+        analyzeFrame(frame, mNetwork);
     }
-    return true;
+    return mRunning;
 }
 
-void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame)
+void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network)
 {
     const quint32 restarts = mRestarts;
-    if (mNetwork)
-        mNetwork->addCANMessage(frame);
+    if (network)
+        network->addCANMessage(frame);
     if (restarts == mRestarts)
         handleMessage(frame);
-}
-
-unsigned char CANopenNetworkAnalyzerWorker::line() const
-{
-    return static_cast<unsigned char>(mNetwork->networkID());
 }
 
 // ---- commands ----------------------------------------------------------------------------------------------------------
@@ -325,7 +314,7 @@ void CANopenNetworkAnalyzerWorker::onDatachunkClearStart()
 
 void CANopenNetworkAnalyzerWorker::rescueUnreadFrames()
 {
-    const QList<CAN::CanRxMessage> rescued = mDatachunkHandler->getMessagesOfLine(line(), mLinePosition);
+    const QList<CAN::CanRxMessage> rescued = mDatachunkHandler->getMessagesOfLine(lineOf(*mNetwork), mLinePosition);
     if (rescued.isEmpty())
         return;
     mPendingMessages += rescued;
@@ -348,7 +337,9 @@ void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
     bool isAbort = false;
     const MessageType classified = COHelper::getMessageType(frame.mFrame, isAbort);
     const MessageType type = isAbort ? SDO_ABORT : classified;
-    countMessageType(type);
+    CANopenNetwork *const network = mNetwork;
+    if (network && mMessageTypeDistribution)
+        ++(*mMessageTypeDistribution)[type];
 
     switch (type) {
     case SDO_REQ:
@@ -361,12 +352,12 @@ void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
             ++mRatingCounts[RMT_SdoAbort];
         return;
     case SYNC:
-        if (mNetwork)
-            mNetwork->addSYNC(frame.mMessageNumber);
+        if (network)
+            network->addSYNC(frame.mMessageNumber);
         return;
     case PDO:
-        if (mNetwork)
-            mNetwork->addPDOCanMessage(frame);
+        if (network)
+            network->addPDOCanMessage(frame);
         return;
     case NMT:
         return handleNmtCommand(frame);
@@ -379,12 +370,6 @@ void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
         ++mRatingCounts[RMT_Unhandled];
         return;
     }
-}
-
-void CANopenNetworkAnalyzerWorker::countMessageType(CANopen::MessageType type)
-{
-    if (mNetwork && mMessageTypeDistribution)
-        ++(*mMessageTypeDistribution)[type];
 }
 
 /// False when a slot has started the analysis over: nothing more of the frame is counted then.
@@ -475,7 +460,8 @@ void CANopenNetworkAnalyzerWorker::newSDOValue(uchar node, ushort index, uchar s
                                                double respTime, uint canMsgNumber, bool wasSDOWrite)
 {
     if (mNetwork)
-        mNetwork->addNewSubIndexValue(node, index, subindex, value, reqTime, respTime, canMsgNumber, wasSDOWrite);
+        mNetwork->addNewSubIndexValue(node, index, subindex, std::move(value), reqTime, respTime, canMsgNumber,
+                                      wasSDOWrite);
 }
 
 void CANopenNetworkAnalyzerWorker::slotSDOProtocolErrorOccured(uint msgNumber, CANopen::SdoProtocolErrorType errorType)

@@ -102,24 +102,21 @@ private Q_SLOTS:
 private:
     // The passes of the loop. Each returns whether the loop goes on.
     bool pass(CAN::CanRxMessage &buffer);
-    bool sleepWhilePaused(quint32 &pauseState);
-    bool fetch(CAN::CanRxMessage &buffer);
+    bool sleepWhilePaused();
     bool analyzeFetched(const CAN::CanRxMessage &frame);
     bool idle(quint32 pauseState, bool wasLive);
+    bool handleRescuedFrames();
     bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
 
-    bool handleRescuedFrames();
     void rescueUnreadFrames();
     void endForGood();
-    void analyzeFrame(const CAN::CanRxMessage &frame);
+    void analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network);
     void handleSdoResponse(const CAN::CanRxMessage &frame);
     void handleEmergency(const CAN::CanRxMessage &frame);
     void handleNmtCommand(const CAN::CanRxMessage &frame);
     bool handToSdoHandler(const CAN::CanRxMessage &frame);
-    void countMessageType(CANopen::MessageType type);
     void startOver();
     void lookAgain();
-    unsigned char line() const;
 
     // Set once, then only read
     const std::shared_ptr<GuestLock>

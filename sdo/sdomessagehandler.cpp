@@ -37,24 +37,21 @@ SDOEntryKey objectOf(const CAN::CanRxMessage &msg, unsigned char node)
                        SDOHelper::getSubindexOfSDOMessage(msg.mFrame));
 }
 
-/// The entry of a request frame, its value still null.
-SDOEntry requestEntry(const CAN::CanRxMessage &msg, unsigned char node)
+QVariant valueOf(const std::optional<qint64> &written)
 {
-    SDOEntry entry(objectOf(msg, node));
-    entry.requestTime = msg.mTimeStamp;
-    entry.requestMsgNumber = msg.mMessageNumber;
-    return entry;
+    return written ? QVariant(*written) : QVariant();
 }
 
-/// The value that \a response completes, for the request in \a request; reqMsgNumber is that of the request.
-SDOEntryValue answeredValue(const SDOEntry &request, const CAN::CanRxMessage &response, const QVariant &value)
+/// The value that \a response completes, for the request of the given time and message number.
+SDOEntryValue answeredValue(CanTimeStamp requestTime, quint32 requestMsgNumber, const CAN::CanRxMessage &response,
+                            const QVariant &value)
 {
     SDOEntryValue answered;
     answered.value = value;
-    answered.reqTime = request.requestTime.toDouble();
+    answered.reqTime = requestTime.toDouble();
     answered.respTime = response.mTimeStamp.toDouble();
     answered.canMsgNumber = response.mMessageNumber;
-    answered.reqMsgNumber = request.requestMsgNumber;
+    answered.reqMsgNumber = requestMsgNumber;
     return answered;
 }
 
@@ -76,8 +73,6 @@ SDOMessageHandler::~SDOMessageHandler()
 {
     qDebug() << "virtual SDOMessageHandler::~SDOMessageHandler()"
              << "Line:" << 23;
-    qDeleteAll(mSegmentedDownloads);
-    qDeleteAll(mSegmentedUploads);
 }
 
 void SDOMessageHandler::setGuestLock(std::shared_ptr<GuestLock> lock)
@@ -98,15 +93,17 @@ void SDOMessageHandler::reset()
     mFoundEntries.clear();
     mPendingEntries.clear();
     mFinishedEntries.clear();
-    mNodeResponseCount.clear();
-    mReportedNodeCount.clear();
-    qDeleteAll(mSegmentedDownloads);
-    mSegmentedDownloads.clear();
-    qDeleteAll(mSegmentedUploads);
-    mSegmentedUploads.clear();
-    for (const SDODef::SDOBlockTransfer &transfer : std::as_const(mBlockTransfers))
-        mBlockBudget->give(transfer.mData.size());
-    mBlockTransfers.clear();
+    mNodeResponseCount.fill(0);
+    mReportedNodeCount.fill(0);
+    for (auto &analyzer : mSegmentedDownloads)
+        analyzer.reset();
+    for (auto &analyzer : mSegmentedUploads)
+        analyzer.reset();
+    for (std::optional<SDODef::SDOBlockTransfer> &transfer : mBlockTransfers) {
+        if (transfer)
+            mBlockBudget->give(transfer->mData.size());
+        transfer.reset();
+    }
 }
 
 // ---- routing -----------------------------------------------------------------------------------------------------------
@@ -134,7 +131,7 @@ void SDOMessageHandler::handleCANMessage(const CAN::CanRxMessage &msg)
 //  111x xxxx                           not defined: ignored
 void SDOMessageHandler::handleC2SMessage(const CAN::CanRxMessage &msg)
 {
-    SDODef::SDOBlockTransfer &transfer = mBlockTransfers[SdoNodeId::ofClientFrame(msg.mFrame)];
+    SDODef::SDOBlockTransfer &transfer = blockTransfer(SdoNodeId::ofClientFrame(msg.mFrame));
     if (takesSegments(transfer, blockDownload))
         return handleBlockSegment(msg, transfer);
 
@@ -167,7 +164,7 @@ void SDOMessageHandler::handleC2SMessage(const CAN::CanRxMessage &msg)
 //  111x xxxx                           not defined: ignored
 void SDOMessageHandler::handleS2CMessage(const CAN::CanRxMessage &msg)
 {
-    SDODef::SDOBlockTransfer &transfer = mBlockTransfers[SdoNodeId::ofServerFrame(msg.mFrame)];
+    SDODef::SDOBlockTransfer &transfer = blockTransfer(SdoNodeId::ofServerFrame(msg.mFrame));
     if (takesSegments(transfer, blockUpload))
         return handleBlockSegment(msg, transfer);
 
@@ -217,18 +214,17 @@ void SDOMessageHandler::handleDLExpeditedRequest(const CAN::CanRxMessage &msg, u
     if (!ok)
         return;
 
-    SDOEntry entry = requestEntry(msg, node);
-    entry.value = QVariant(value);
+    const SDOEntryKey object = objectOf(msg, node);
     // The earlier request, of whichever direction, will get no answer any more: the next answer belongs to this one.
-    if (mPendingEntries.remove(entry) > 0 && !reportError(msg.mMessageNumber, PE_RequestPending))
+    if (mPendingEntries.remove(object) > 0 && !reportError(msg.mMessageNumber, PE_RequestPending))
         return;
-    mPendingEntries.insert(entry, entry);
+    mPendingEntries.insert(object, {msg.mTimeStamp, msg.mMessageNumber, value});
 }
 
 void SDOMessageHandler::handleDownloadInitResponse(const CAN::CanRxMessage &msg)
 {
     const unsigned char node = SdoNodeId::ofServerFrame(msg.mFrame);
-    if (SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads.value(node)) {
+    if (SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads[node].get()) {
         handleSegmentedDownloadResult(analyzer->handleNewMessage(SDOSegmentedTransferAnalyzer::SMT_InitResponse, msg),
                                       node, msg.mMessageNumber);
     } else {
@@ -243,15 +239,14 @@ void SDOMessageHandler::handleDLExpeditedResponse(const CAN::CanRxMessage &msg, 
     if (pending == mPendingEntries.constEnd())
         return handleUnmatchedResponse(object, msg);
 
-    // A copy, since the table may be reset by a slot below.
-    const SDOEntry request = *pending; // NOLINT(performance-unnecessary-copy-initialization)
-    SDOEntryValue written = answeredValue(request, msg, request.value);
+    const Request request = *pending; // a copy, since the table may be reset by a slot below
+    SDOEntryValue written = answeredValue(request.time, request.msgNumber, msg, valueOf(request.written));
     written.wasSDOWrite = true;
     if (mKeepFinishedTransfers)
-        foundEntry(request).values.append(written);
+        foundEntry(entryOf(object, request)).values.append(written);
     if (!reportValue(object, written))
         return;
-    addFinishedEntry(request);
+    addFinishedEntry(object, request);
     mPendingEntries.remove(object);
 }
 
@@ -263,8 +258,7 @@ void SDOMessageHandler::handleUploadInitRequest(const CAN::CanRxMessage &msg)
     if (!SdoNodeId::isDevice(node))
         return;
     // A repeated read is no error: the answer is paired with the last request.
-    const SDOEntry entry = requestEntry(msg, node);
-    mPendingEntries.insert(entry, entry);
+    mPendingEntries.insert(objectOf(msg, node), {msg.mTimeStamp, msg.mMessageNumber, std::nullopt});
 }
 
 void SDOMessageHandler::handleUploadInitResponse(const CAN::CanRxMessage &msg)
@@ -286,16 +280,16 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
     if (pending == mPendingEntries.constEnd())
         return handleUnmatchedResponse(object, msg);
 
-    // A copy, since the table may be reset by a slot below.
-    const SDOEntry request = *pending; // NOLINT(performance-unnecessary-copy-initialization)
-    removeFinishedSDOEntry(node, index, subindex);
+    const Request request = *pending; // a copy, since the table may be reset by a slot below
+    // The object's last finished transfer is forgotten: replaced below, and nothing asks for it until then.
+    setBackNodeCount(node);
     // Found before its value is read: an answer without value bytes still shows that the object was accessed.
-    SDOEntry *const found = mKeepFinishedTransfers ? &foundEntry(request) : nullptr;
+    SDOEntry *const found = mKeepFinishedTransfers ? &foundEntry(entryOf(object, request)) : nullptr;
 
     bool ok = false;
     const qint64 value = SDOHelper::getExpeditedRawValue(msg.mFrame, ok);
     if (ok) {
-        SDOEntryValue read = answeredValue(request, msg, QVariant(value));
+        SDOEntryValue read = answeredValue(request.time, request.msgNumber, msg, QVariant(value));
         if (found) {
             read.reqMsgNumber = found->requestMsgNumber; // of the request that made the entry, not of this one
             found->values.append(read);
@@ -303,7 +297,7 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
         if (!reportValue(object, read))
             return;
     }
-    addFinishedEntry(request);
+    addFinishedEntry(object, request);
     mPendingEntries.remove(object);
 }
 
@@ -315,9 +309,26 @@ void SDOMessageHandler::handleUnmatchedResponse(const SDO::SDOEntryKey &key, con
 
 // ---- entry tables ------------------------------------------------------------------------------------------------------
 
-void SDOMessageHandler::addFinishedEntry(const SDO::SDOEntry &entry)
+SDO::SDOEntry SDOMessageHandler::entryOf(const SDO::SDOEntryKey &object, const Request &request)
 {
-    mFinishedEntries.insert(entry, entry); // replaces the entry of the same object
+    SDOEntry entry(object);
+    entry.requestTime = request.time;
+    entry.requestMsgNumber = request.msgNumber;
+    entry.value = valueOf(request.written);
+    return entry;
+}
+
+QHash<SDO::SDOEntryKey, SDO::SDOEntry> SDOMessageHandler::pendingSDOEntryList() const
+{
+    QHash<SDOEntryKey, SDOEntry> entries;
+    for (auto pending = mPendingEntries.constBegin(); pending != mPendingEntries.constEnd(); ++pending)
+        entries.insert(pending.key(), entryOf(pending.key(), *pending));
+    return entries;
+}
+
+void SDOMessageHandler::addFinishedEntry(const SDO::SDOEntryKey &object, const Request &request)
+{
+    mFinishedEntries.insert(object, request.time); // replaces the entry of the same object
 }
 
 /// The found entry of the object of \a model, made from \a model when there is none yet.

@@ -11,10 +11,11 @@
 #include <QList>
 #include <QMap>
 #include <QObject>
-#include <QPointer>
 #include <QVariant>
 
+#include <array>
 #include <memory>
+#include <optional>
 
 class ByteBudget;
 class GuestLock;
@@ -66,10 +67,10 @@ public:
 
     /// Requests still waiting for their answer, by object. A copy. The request that opened a segmented upload stays among
     /// them until the next expedited download or upload request of the same object, its expedited answer, or its abort.
-    QHash<SDO::SDOEntryKey, SDO::SDOEntry> pendingSDOEntryList() const { return mPendingEntries; }
+    QHash<SDO::SDOEntryKey, SDO::SDOEntry> pendingSDOEntryList() const;
 
     /// Block transfer records by node-ID; each node seen in an SDO frame has one. A copy.
-    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers() const { return mBlockTransfers; }
+    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers() const;
 
     /// Replaces maxCollectedBytes for this handler; takes effect with the next segment. \a bytes: 0 or more.
     void setCollectedBytesLimit(qint64 bytes);
@@ -101,7 +102,16 @@ private Q_SLOTS:
     void checkNodeCount();
 
 private:
-    using EntryHash = QHash<SDO::SDOEntryKey, SDO::SDOEntry>;
+    /// What is kept of a request that waits for its answer.
+    struct Request
+    {
+        CanTimeStamp time;
+        quint32 msgNumber = 0;
+        std::optional<qint64> written; // the value of an expedited download request
+    };
+    /// By node-ID as SDO frames give it: one step to what a frame belongs to.
+    template<typename T>
+    using PerNode = std::array<T, 256>;
 
     // Routing
     void handleC2SMessage(const CAN::CanRxMessage &msg);
@@ -145,6 +155,7 @@ private:
     void handleC2SBlockUploadMsg(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
     void handleS2CBlockUploadMsg(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
     void handleBlockSegment(const CAN::CanRxMessage &msg, CANopen::SDODef::SDOBlockTransfer &transfer);
+    CANopen::SDODef::SDOBlockTransfer &blockTransfer(unsigned char node);
     void removeUnsetBytes(const CAN::CanMessage &endFrame, CANopen::SDODef::SDOBlockTransfer &transfer);
     static bool getBlockUploadSubblockData(quint8 &sequence, QByteArray &payload, const CAN::CanMessage &segment);
 
@@ -152,10 +163,12 @@ private:
     bool checkForMultipleResponse(unsigned char node, unsigned short index, unsigned char subindex,
                                   const CAN::CanRxMessage &msg);
     void removeFinishedSDOEntry(unsigned char node, unsigned short index, unsigned char subindex);
+    void setBackNodeCount(unsigned char node);
     void scheduleNodeCountCheck();
 
     // Entry tables
-    void addFinishedEntry(const SDO::SDOEntry &entry);
+    static SDO::SDOEntry entryOf(const SDO::SDOEntryKey &object, const Request &request);
+    void addFinishedEntry(const SDO::SDOEntryKey &object, const Request &request);
     SDO::SDOEntry &foundEntry(const SDO::SDOEntry &model);
 
     // Reports. A slot may call back: afterwards nothing found before (analyzer, iterator, reference) is used, and a false
@@ -172,16 +185,17 @@ private:
     const std::unique_ptr<ByteBudget> mBlockBudget;
 
     // What was seen
-    EntryHash mPendingEntries;  // requests waiting for their answer
-    EntryHash mFinishedEntries; // the last answered expedited transfer of each object
-    EntryHash mFoundEntries;    // every value of every finished transfer, while those are kept
-    QMap<unsigned char, unsigned char> mNodeResponseCount; // devices answering under a node-ID, as last established
-    QMap<unsigned char, unsigned char> mReportedNodeCount; // the same, as last reported
-    // At most one running transfer per node and direction; without a parent, deleted where their entry is removed
-    // (endDownload(), endUpload(), reset(), destructor)
-    QHash<unsigned char, QPointer<SDOSegmentedDownloadAnalyzer>> mSegmentedDownloads;
-    QHash<unsigned char, QPointer<SDOSegmentedUploadAnalyzer>> mSegmentedUploads;
-    QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> mBlockTransfers;
+    QHash<SDO::SDOEntryKey, Request> mPendingEntries; // requests waiting for their answer
+    QHash<SDO::SDOEntryKey, CanTimeStamp>
+        mFinishedEntries; // of the last answered expedited transfer: its request's time
+    QHash<SDO::SDOEntryKey, SDO::SDOEntry>
+        mFoundEntries;                    // every value of every finished transfer, while those are kept
+    PerNode<quint8> mNodeResponseCount{}; // devices answering under a node-ID, as last established; 0: not established
+    PerNode<quint8> mReportedNodeCount{}; // the same, as last reported
+    // At most one running transfer per node and direction
+    PerNode<std::unique_ptr<SDOSegmentedDownloadAnalyzer>> mSegmentedDownloads;
+    PerNode<std::unique_ptr<SDOSegmentedUploadAnalyzer>> mSegmentedUploads;
+    PerNode<std::optional<CANopen::SDODef::SDOBlockTransfer>> mBlockTransfers; // of the nodes seen
     QList<unsigned int> mProtocolErrors;
     bool mKeepFinishedTransfers = false;
     bool mDefersNodeCountChecks = true;

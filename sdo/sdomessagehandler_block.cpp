@@ -57,6 +57,22 @@ void setObject(const CAN::CanMessage &initiate, SDOBlockTransfer &transfer)
 
 } // namespace
 
+SDOBlockTransfer &SDOMessageHandler::blockTransfer(unsigned char node)
+{
+    std::optional<SDOBlockTransfer> &transfer = mBlockTransfers[node];
+    return transfer ? *transfer : transfer.emplace();
+}
+
+QMap<unsigned char, SDOBlockTransfer> SDOMessageHandler::blockTransfers() const
+{
+    QMap<unsigned char, SDOBlockTransfer> transfers;
+    for (std::size_t node = 0; node < mBlockTransfers.size(); ++node) {
+        if (mBlockTransfers[node])
+            transfers.insert(static_cast<unsigned char>(node), *mBlockTransfers[node]);
+    }
+    return transfers;
+}
+
 void SDOMessageHandler::handleBlockSegment(const CAN::CanRxMessage &msg, SDOBlockTransfer &transfer)
 {
     quint8 sequence = 0;

@@ -29,7 +29,7 @@ bool SDOMessageHandler::checkForMultipleResponse(unsigned char node, unsigned sh
     const auto finished = mFinishedEntries.constFind(SDOEntryKey(node, index, subindex));
     if (finished == mFinishedEntries.constEnd())
         return false;
-    if (msg.mTimeStamp.toMsecs() - finished->requestTime.toMsecs() > repeatIntervalMs) {
+    if (msg.mTimeStamp.toMsecs() - finished->toMsecs() > repeatIntervalMs) {
         removeFinishedSDOEntry(node, index, subindex);
         return false;
     }
@@ -42,7 +42,12 @@ bool SDOMessageHandler::checkForMultipleResponse(unsigned char node, unsigned sh
 void SDOMessageHandler::removeFinishedSDOEntry(unsigned char node, unsigned short index, unsigned char subindex)
 {
     mFinishedEntries.remove(SDOEntryKey(node, index, subindex));
-    unsigned char &count = mNodeResponseCount[node]; // 0 when it was missing
+    setBackNodeCount(node);
+}
+
+void SDOMessageHandler::setBackNodeCount(unsigned char node)
+{
+    quint8 &count = mNodeResponseCount[node];
     if (count == 1)
         return;
     count = 1;
@@ -52,14 +57,12 @@ void SDOMessageHandler::removeFinishedSDOEntry(unsigned char node, unsigned shor
 void SDOMessageHandler::checkNodeCount()
 {
     const GuestScope guest(mGuestLock.get());
-    const QList<unsigned char> nodes = mNodeResponseCount.keys();
-    for (const unsigned char node : nodes) {
-        const unsigned char count = mNodeResponseCount.value(node);
-        unsigned char &reported = mReportedNodeCount[node];
-        if (reported == count)
+    for (std::size_t node = 0; node < mNodeResponseCount.size(); ++node) {
+        const quint8 count = mNodeResponseCount[node];
+        if (mReportedNodeCount[node] == count)
             continue;
-        reported = count;
-        if (!reportNodeCount(node, count))
+        mReportedNodeCount[node] = count;
+        if (!reportNodeCount(static_cast<unsigned char>(node), count))
             return;
     }
 }

@@ -28,26 +28,26 @@ using Transfer = SDOSegmentedTransferAnalyzer;
 
 void SDOMessageHandler::handleDLSegmentedInitRequest(const CAN::CanRxMessage &msg, unsigned char node)
 {
-    if (mSegmentedDownloads.value(node))
+    if (mSegmentedDownloads[node])
         return listAndReportError(msg, PE_DownloadRunning);
 
-    auto *const analyzer =
-        new SDOSegmentedDownloadAnalyzer(node, SDOHelper::getIndexOfSDOMessage(msg.mFrame),
-                                         SDOHelper::getSubindexOfSDOMessage(msg.mFrame), msg.mTimeStamp.toDouble());
+    std::unique_ptr<SDOSegmentedDownloadAnalyzer> &analyzer = mSegmentedDownloads[node];
+    analyzer = std::make_unique<SDOSegmentedDownloadAnalyzer>(node, SDOHelper::getIndexOfSDOMessage(msg.mFrame),
+                                                              SDOHelper::getSubindexOfSDOMessage(msg.mFrame),
+                                                              msg.mTimeStamp.toDouble());
     analyzer->setByteBudget(mSegmentBudget.get());
-    mSegmentedDownloads.insert(node, analyzer);
     handleSegmentedDownloadResult(analyzer->handleNewMessage(Transfer::SMT_InitRequest, msg), node, msg.mMessageNumber);
 }
 
 void SDOMessageHandler::handleUploadSegmentedInitResponse(unsigned char node, unsigned short index,
                                                           unsigned char subindex, const CAN::CanRxMessage &msg)
 {
-    if (mSegmentedUploads.value(node))
+    if (mSegmentedUploads[node])
         return listAndReportError(msg, PE_UnexpectedResponse);
 
-    auto *const analyzer = new SDOSegmentedUploadAnalyzer(node, index, subindex, msg.mTimeStamp.toDouble());
+    std::unique_ptr<SDOSegmentedUploadAnalyzer> &analyzer = mSegmentedUploads[node];
+    analyzer = std::make_unique<SDOSegmentedUploadAnalyzer>(node, index, subindex, msg.mTimeStamp.toDouble());
     analyzer->setByteBudget(mSegmentBudget.get());
-    mSegmentedUploads.insert(node, analyzer);
     handleSegmentedUploadResult(analyzer->handleNewMessage(Transfer::SMT_InitResponse, msg), node, msg.mMessageNumber);
 }
 
@@ -56,7 +56,7 @@ void SDOMessageHandler::handleUploadSegmentedInitResponse(unsigned char node, un
 void SDOMessageHandler::handleDownloadSegmentRequest(const CAN::CanRxMessage &msg)
 {
     const unsigned char node = SdoNodeId::ofClientFrame(msg.mFrame);
-    SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads.value(node);
+    SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads[node].get();
     if (!analyzer)
         return listAndReportError(msg, PE_NoTransfer);
     handleSegmentedDownloadResult(analyzer->handleNewMessage(Transfer::SMT_SegReq, msg), node, msg.mMessageNumber);
@@ -65,7 +65,7 @@ void SDOMessageHandler::handleDownloadSegmentRequest(const CAN::CanRxMessage &ms
 void SDOMessageHandler::handleDownloadSegmentResponse(const CAN::CanRxMessage &msg)
 {
     const unsigned char node = SdoNodeId::ofServerFrame(msg.mFrame);
-    SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads.value(node);
+    SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads[node].get();
     if (!analyzer)
         return listAndReportError(msg, PE_UnexpectedResponse);
     handleSegmentedDownloadResult(analyzer->handleNewMessage(Transfer::SMT_SegRes, msg), node, msg.mMessageNumber);
@@ -74,7 +74,7 @@ void SDOMessageHandler::handleDownloadSegmentResponse(const CAN::CanRxMessage &m
 void SDOMessageHandler::handleUploadSegmentRequest(const CAN::CanRxMessage &msg)
 {
     const unsigned char node = SdoNodeId::ofClientFrame(msg.mFrame);
-    SDOSegmentedUploadAnalyzer *const analyzer = mSegmentedUploads.value(node);
+    SDOSegmentedUploadAnalyzer *const analyzer = mSegmentedUploads[node].get();
     if (!analyzer)
         return listAndReportError(msg, PE_NoTransfer);
     handleSegmentedUploadResult(analyzer->handleNewMessage(Transfer::SMT_SegReq, msg), node, msg.mMessageNumber);
@@ -83,7 +83,7 @@ void SDOMessageHandler::handleUploadSegmentRequest(const CAN::CanRxMessage &msg)
 void SDOMessageHandler::handleUploadSegmentResponse(const CAN::CanRxMessage &msg)
 {
     const unsigned char node = SdoNodeId::ofServerFrame(msg.mFrame);
-    SDOSegmentedUploadAnalyzer *const analyzer = mSegmentedUploads.value(node);
+    SDOSegmentedUploadAnalyzer *const analyzer = mSegmentedUploads[node].get();
     if (!analyzer)
         return listAndReportError(msg, PE_UnexpectedResponse);
     handleSegmentedUploadResult(analyzer->handleNewMessage(Transfer::SMT_SegRes, msg), node, msg.mMessageNumber);
@@ -119,7 +119,7 @@ void SDOMessageHandler::handleSegmentedUploadResult(SDOSegmentedTransferAnalyzer
 
 void SDOMessageHandler::segmentedDownloadFinished(unsigned char node)
 {
-    if (const SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads.value(node)) {
+    if (const SDOSegmentedDownloadAnalyzer *const analyzer = mSegmentedDownloads[node].get()) {
         if (reportSegmentedValue(*analyzer, node, true))
             endDownload(node);
     }
@@ -127,7 +127,7 @@ void SDOMessageHandler::segmentedDownloadFinished(unsigned char node)
 
 void SDOMessageHandler::segmentedUploadFinished(unsigned char node)
 {
-    if (const SDOSegmentedUploadAnalyzer *const analyzer = mSegmentedUploads.value(node)) {
+    if (const SDOSegmentedUploadAnalyzer *const analyzer = mSegmentedUploads[node].get()) {
         if (reportSegmentedValue(*analyzer, node, false))
             endUpload(node);
     }
@@ -153,22 +153,22 @@ bool SDOMessageHandler::reportSegmentedValue(const SDOSegmentedTransferAnalyzer 
 
 void SDOMessageHandler::segmentedDownloadError(unsigned char node, quint32 msgNumber)
 {
-    if (mSegmentedDownloads.value(node) && reportError(msgNumber, PE_DownloadFailed))
+    if (mSegmentedDownloads[node] && reportError(msgNumber, PE_DownloadFailed))
         endDownload(node);
 }
 
 void SDOMessageHandler::segmentedUploadError(unsigned char node, quint32 msgNumber)
 {
-    if (mSegmentedUploads.value(node) && reportError(msgNumber, PE_UploadFailed))
+    if (mSegmentedUploads[node] && reportError(msgNumber, PE_UploadFailed))
         endUpload(node);
 }
 
 void SDOMessageHandler::endDownload(unsigned char node)
 {
-    delete mSegmentedDownloads.take(node);
+    mSegmentedDownloads[node].reset();
 }
 
 void SDOMessageHandler::endUpload(unsigned char node)
 {
-    delete mSegmentedUploads.take(node);
+    mSegmentedUploads[node].reset();
 }

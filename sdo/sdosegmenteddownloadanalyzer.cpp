@@ -32,8 +32,7 @@ SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleNewMess
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleInitRequest(const CAN::CanRxMessage &msg)
 {
-    if (SDOHelper::sizeIndicatedBitOfCanMsg(msg.mFrame))
-        mAnnouncedSize = SDOHelper::sizeOfSegmentedTransfer(msg.mFrame);
+    announceSize(msg.mFrame);
     mInitMsgNumber = msg.mMessageNumber;
     return Result::Running;
 }

@@ -4,6 +4,8 @@
 #include "sdo/sdohelper.h"
 #include "sdo/sdomessagehandler.h"
 
+#include <algorithm>
+
 SDOSegmentedTransferAnalyzer::SDOSegmentedTransferAnalyzer(QObject *parent) : QObject(parent) {}
 
 SDOSegmentedTransferAnalyzer::SDOSegmentedTransferAnalyzer(quint8 node, quint16 index, quint8 subindex, double time,
@@ -23,15 +25,24 @@ void SDOSegmentedTransferAnalyzer::setByteBudget(ByteBudget *budget)
     mBudget = budget;
 }
 
+void SDOSegmentedTransferAnalyzer::announceSize(const CAN::CanMessage &initiate)
+{
+    constexpr quint32 largestReserve = 4096; // a claim is no reason to take memory
+    if (!SDOHelper::sizeIndicatedBitOfCanMsg(initiate))
+        return;
+    mAnnouncedSize = SDOHelper::sizeOfSegmentedTransfer(initiate);
+    mTransferData.reserve(static_cast<int>(std::min(mAnnouncedSize, largestReserve)));
+}
+
 bool SDOSegmentedTransferAnalyzer::appendSegment(const CAN::CanMessage &segment)
 {
     constexpr int segmentBytes = 7;
-    const QByteArray payload =
-        segment.dataToByteArray(1, segmentBytes - SDOHelper::segmentedBytesWithoutData(segment), true);
-    const bool fits = mBudget ? mBudget->take(payload.size())
-                              : mTransferData.size() + payload.size() <= SDOMessageHandler::maxCollectedBytes;
+    const int wanted = segmentBytes - SDOHelper::segmentedBytesWithoutData(segment);
+    const int bytes = std::max(0, std::min(wanted, segment.mDataLength - 1));
+    const bool fits =
+        mBudget ? mBudget->take(bytes) : mTransferData.size() + bytes <= SDOMessageHandler::maxCollectedBytes;
     if (fits)
-        mTransferData.append(payload);
+        mTransferData.append(reinterpret_cast<const char *>(segment.mPayload) + 1, bytes);
     return fits;
 }
 

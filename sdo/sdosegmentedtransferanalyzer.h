@@ -85,6 +85,8 @@ public:
     void setByteBudget(ByteBudget *budget);
 
 protected:
+    /// Notes the size that an initiate frame announces, if it does.
+    void announceSize(const CAN::CanMessage &initiate);
     /// Appends the data of a segment (bytes 1 to 7 − n); false, with nothing changed, when too many bytes are collected.
     bool appendSegment(const CAN::CanMessage &segment);
     /// Notes the frame that ended the transfer.

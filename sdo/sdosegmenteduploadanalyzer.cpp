@@ -35,8 +35,7 @@ SDOSegmentedTransferAnalyzer::Result SDOSegmentedUploadAnalyzer::handleInitRespo
         return Result::Error;
 
     mState = TS_WaitForSegReq;
-    if (SDOHelper::sizeIndicatedBitOfCanMsg(msg.mFrame))
-        mAnnouncedSize = SDOHelper::sizeOfSegmentedTransfer(msg.mFrame);
+    announceSize(msg.mFrame);
     return Result::Running;
 }
 
