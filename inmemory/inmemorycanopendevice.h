@@ -24,6 +24,7 @@ public:
     explicit InMemoryCANopenDevice(quint8 nodeId, QObject *parent = nullptr);
     ~InMemoryCANopenDevice() override;
 
+    /// As given at construction.
     quint8 nodeId() const;
 
     /// Appends \a value to the history of the object at \a index and \a subindex.

@@ -82,6 +82,7 @@ public:
     int messageCountOfLine(unsigned char line) const;
     /// The lines that have frames, ascending.
     QList<unsigned char> linesInUse() const;
+    /// As given at construction.
     quint32 firstMessageNumber() const;
     /// Bytes reserved for frames, used or not.
     qint64 memoryUsed() const;

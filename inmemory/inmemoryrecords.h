@@ -15,7 +15,9 @@ namespace InMemory {
 /// Where and when something was seen: time stamp and message number of the frame.
 struct Occurrence
 {
+    /// Reception time.
     CanTimeStamp time;
+    /// All ones until it is filled in.
     quint32 messageNumber = 0xFFFFFFFF;
 };
 
@@ -31,10 +33,13 @@ struct StateChange
 /// An emergency object (CiA 301): error code (2 bytes, low byte first), error register, 5 manufacturer-specific bytes.
 struct Emergency
 {
+    /// The frame that carried it.
     Occurrence seen;
     /// 0 means that an error was reset, or that none is left.
     quint16 errorCode = 0;
+    /// Object 1001:00 of the node, as it was then.
     quint8 errorRegister = 0;
+    /// Bytes 3 to 7 of the frame.
     std::array<quint8, 5> manufacturerBytes = {};
     /// Data length of the frame; bytes that a frame of less than 8 did not have read 0 above.
     quint8 length = 0;
@@ -45,6 +50,7 @@ struct Node
 {
     /// 0 to 127; 0 only for error control frames on identifier 0x700, and SDO on 0x580.
     quint8 nodeId = 0;
+    /// As given to InMemoryCANopenNetwork::addNode(); the analysis gives none.
     QString name;
     /// The NMT states that the node announced, without repetitions, oldest first; the last one is the present state.
     /// Empty while the node has announced none.
@@ -53,12 +59,13 @@ struct Node
     QVector<Occurrence> bootUps;
     /// Error control frames but boot-ups (heartbeats and answers to node guarding), whatever state they announced.
     quint64 heartbeats = 0;
+    /// The last one of them.
     Occurrence lastHeartbeat;
     /// Every emergency, oldest first.
     QVector<Emergency> emergencies;
-    /// How many devices are presumed to answer under this node-ID, and the message number of the last repeated answer (0:
-    /// none yet).
+    /// How many devices are presumed to answer under this node-ID.
     quint8 presumedDevices = 1;
+    /// Message number of the last repeated answer; 0: none yet.
     quint32 lastRepeatedAnswer = 0;
 
     /// The present state, a CANopen::NmtEventCode; NE_None also while the node has announced none.
@@ -68,6 +75,7 @@ struct Node
 /// An NMT command as it was on the bus.
 struct NmtCommand
 {
+    /// The frame that carried it.
     Occurrence seen;
     /// Byte 0; not always a command of CiA 301.
     quint8 command = 0;
@@ -78,10 +86,13 @@ struct NmtCommand
 /// The traffic as a whole.
 struct Traffic
 {
+    /// Frames of every class.
     quint64 frames = 0;
-    /// Time stamps of the first and of the last frame; unknown (0) while there is none.
+    /// Time stamp of the first frame; unknown (0) while there is none.
     CanTimeStamp first;
+    /// Time stamp of the last frame; unknown (0) while there is none.
     CanTimeStamp last;
+    /// SYNC frames among them.
     quint64 syncs = 0;
     /// Message number of the last SYNC.
     quint32 lastSync = 0xFFFFFFFF;

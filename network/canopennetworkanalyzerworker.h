@@ -53,7 +53,9 @@ public:
     /// Ends the loop after the frame in hand, for good: analyze() called later returns at once.
     void stop();
 
+    /// True pauses the loop after the frame in hand, false resumes it.
     void setPause(bool paused);
+    /// The same the other way round.
     void setAnalyzing(bool analyzing) { setPause(!analyzing); }
 
     /// See CANopenNetworkAnalyzer::reset().
@@ -78,12 +80,17 @@ public:
     /// Rating from 0 to 100, see CANopenNetworkAnalyzer::calculateRating().
     qint16 calculateRating() const;
 
-    // Copies of one consistent state, for CANopenNetworkAnalyzer
+    /// See CANopenNetworkAnalyzer::ratingCounts().
     QMap<RatingMessageTypes, unsigned int> ratingCounts() const;
+    /// See CANopenNetworkAnalyzer::messageTypeDistribution().
     QMap<CANopen::MessageType, unsigned int> messageTypeDistribution() const;
+    /// See SDOMessageHandler::protocolErrors().
     QList<unsigned int> protocolErrors() const;
+    /// See SDOMessageHandler::pendingSDOEntryList().
     QHash<SDO::SDOEntryKey, SDO::SDOEntry> pendingSDOEntryList() const;
+    /// See SDOMessageHandler::blockTransfers().
     QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> blockTransfers() const;
+    /// See CANopenNetworkAnalyzer::sdoMessageHandler(). A child of the worker.
     const SDOMessageHandler *sdoMessageHandler() const;
 
 public Q_SLOTS:

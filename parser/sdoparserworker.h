@@ -37,6 +37,7 @@ public:
     /// The line number that stands for every line.
     static constexpr unsigned char allLines = 255;
 
+    /// Without a recording, for all lines.
     explicit SDOParserWorker(QObject *parent);
     ~SDOParserWorker() override;
 

@@ -28,6 +28,7 @@ class CANOPENANALYSIS_EXPORT SDOSegmentedDownloadAnalyzer : public SDOSegmentedT
     Q_DISABLE_COPY_MOVE(SDOSegmentedDownloadAnalyzer)
 
 public:
+    /// An analyzer without an object, in TS_Unitialized.
     explicit SDOSegmentedDownloadAnalyzer(QObject *parent = nullptr);
     /// Starts in TS_WaitForInitResponse. \a time: that of the initiate request, in seconds.
     SDOSegmentedDownloadAnalyzer(quint8 node, quint16 index, quint8 subindex, double time, QObject *parent = nullptr);

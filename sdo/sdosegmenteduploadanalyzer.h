@@ -25,6 +25,7 @@ class CANOPENANALYSIS_EXPORT SDOSegmentedUploadAnalyzer : public SDOSegmentedTra
     Q_DISABLE_COPY_MOVE(SDOSegmentedUploadAnalyzer)
 
 public:
+    /// An analyzer without an object, in TS_Unitialized.
     explicit SDOSegmentedUploadAnalyzer(QObject *parent = nullptr);
     /// Starts in TS_WaitForInitResponse. \a time: that of the initiate response, in seconds.
     SDOSegmentedUploadAnalyzer(quint8 node, quint16 index, quint8 subindex, double time, QObject *parent = nullptr);

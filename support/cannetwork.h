@@ -16,6 +16,7 @@ class CANOPENANALYSIS_EXPORT CANNetwork : public QObject
     Q_DISABLE_COPY_MOVE(CANNetwork)
 
 public:
+    /// A model that is given to an analyzer has no parent.
     explicit CANNetwork(QObject *parent = nullptr);
     ~CANNetwork() override;
 

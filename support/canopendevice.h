@@ -11,6 +11,7 @@ class CANOPENANALYSIS_EXPORT CANopenDevice : public GenericCANDevice
     Q_DISABLE_COPY_MOVE(CANopenDevice)
 
 public:
+    /// \a parent: mostly the network model.
     explicit CANopenDevice(QObject *parent = nullptr);
     ~CANopenDevice() override;
 

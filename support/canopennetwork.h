@@ -26,6 +26,7 @@ class CANOPENANALYSIS_EXPORT CANopenNetwork : public CANNetwork
     Q_DISABLE_COPY_MOVE(CANopenNetwork)
 
 public:
+    /// A model that is given to an analyzer has no parent.
     explicit CANopenNetwork(QObject *parent = nullptr);
     ~CANopenNetwork() override;
 

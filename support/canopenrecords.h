@@ -85,7 +85,9 @@ struct CANopenNMTEvent
 /// Describes one CAN identifier for display. The analysis hands tables of these around and neither fills nor reads them.
 struct CANopenMessageDescription
 {
+    /// Short name.
     QString mName;
+    /// More about it.
     QString mComment;
 };
 
@@ -97,8 +99,9 @@ struct SDOBlockTransfer
     /// Phase: 0 none seen, 1 initiated, 2 upload accepted by the server, 3 sub-block phase (frames in the data direction
     /// are segments), 4 last segment received, 5 ended.
     quint32 mState = 0;
-    /// Object of the last initiate request.
+    /// Index of the object of the last initiate request.
     quint16 mIndex = 0;
+    /// Subindex of that object.
     quint8 mSubindex = 0;
     /// blksize in force: segments a sub-block, as last announced.
     quint8 mBlockSize = 0;
@@ -152,21 +155,28 @@ namespace SDO {
 /// Identifies one object of one node: the key of the entry tables.
 struct SDOEntryKey
 {
+    /// Node-ID, in the 8 bits that the analysis takes from SDO identifiers.
     quint8 node = 0;
+    /// Index of the object.
     quint16 index = 0;
+    /// Subindex of the object.
     quint8 subindex = 0;
 
+    /// The key of no object: 0, 0, 0.
     SDOEntryKey() = default;
+    /// The key of an object.
     SDOEntryKey(quint8 nodeId, quint16 objectIndex, quint8 objectSubindex)
         : node(nodeId), index(objectIndex), subindex(objectSubindex)
     {
     }
 };
 
+/// Equal in node, index and subindex.
 inline bool operator==(const SDOEntryKey &a, const SDOEntryKey &b)
 {
     return a.node == b.node && a.index == b.index && a.subindex == b.subindex;
 }
+/// Not equal.
 inline bool operator!=(const SDOEntryKey &a, const SDOEntryKey &b)
 {
     return !(a == b);
@@ -203,11 +213,13 @@ inline bool sameValue(const QVariant &a, const QVariant &b)
     return a.userType() == b.userType() && a == b;
 }
 
+/// Equal in every field; values by sameValue().
 inline bool operator==(const SDOEntryValue &a, const SDOEntryValue &b)
 {
     return sameValue(a.value, b.value) && a.reqTime == b.reqTime && a.respTime == b.respTime
            && a.canMsgNumber == b.canMsgNumber && a.reqMsgNumber == b.reqMsgNumber && a.wasSDOWrite == b.wasSDOWrite;
 }
+/// Not equal.
 inline bool operator!=(const SDOEntryValue &a, const SDOEntryValue &b)
 {
     return !(a == b);
@@ -216,9 +228,12 @@ inline bool operator!=(const SDOEntryValue &a, const SDOEntryValue &b)
 /// One object access found in the traffic. It is its own key: an entry may be passed wherever its key is expected.
 struct SDOEntry : SDOEntryKey
 {
-    /// Not used by the analysis: empty, 0 and false in every entry it creates, and copied along.
+    /// For hosts. The analysis uses none of text, number and flag: empty, 0 and false in every entry it creates, and copied
+    /// along.
     QString text;
+    /// As text.
     quint32 number = 0;
+    /// As text.
     bool flag = false;
     /// Time of the request for which the entry was made; unknown (0) in entries made when a segmented transfer ended.
     CanTimeStamp requestTime;
@@ -235,12 +250,14 @@ struct SDOEntry : SDOEntryKey
     explicit SDOEntry(const SDOEntryKey &key) : SDOEntryKey(key) {}
 };
 
+/// Equal in every field (not in the key alone); values by sameValue().
 inline bool operator==(const SDOEntry &a, const SDOEntry &b)
 {
     return static_cast<const SDOEntryKey &>(a) == static_cast<const SDOEntryKey &>(b) && a.text == b.text
            && a.number == b.number && a.flag == b.flag && a.requestTime == b.requestTime
            && a.requestMsgNumber == b.requestMsgNumber && sameValue(a.value, b.value) && a.values == b.values;
 }
+/// Not equal.
 inline bool operator!=(const SDOEntry &a, const SDOEntry &b)
 {
     return !(a == b);

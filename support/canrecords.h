@@ -50,6 +50,7 @@ struct CANOPENANALYSIS_EXPORT CanRxMessage
 {
     /// Reception time.
     CanTimeStamp mTimeStamp;
+    /// The frame as it was on the bus.
     CAN::CanMessage mFrame;
     /// Running number of the frame in its recording; every finding names the frame behind it by this number.
     quint32 mMessageNumber = 0;

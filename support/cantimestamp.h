@@ -14,6 +14,7 @@ public:
     /// \a nsecs: nanoseconds since any epoch; negative times lie before it.
     static constexpr CanTimeStamp fromNSecs(qint64 nsecs) { return CanTimeStamp(nsecs); }
 
+    /// Nanoseconds since the epoch.
     constexpr qint64 toNSecs() const { return mNSecs; }
 
     /// Whole milliseconds since the epoch, rounded down (also for times before the epoch).
@@ -26,7 +27,9 @@ public:
     /// Seconds since the epoch. Near the present date a double resolves about a quarter of a microsecond.
     constexpr double toDouble() const { return static_cast<double>(mNSecs) / 1e9; }
 
+    /// Equal to the nanosecond.
     friend constexpr bool operator==(CanTimeStamp a, CanTimeStamp b) { return a.mNSecs == b.mNSecs; }
+    /// Not equal.
     friend constexpr bool operator!=(CanTimeStamp a, CanTimeStamp b) { return !(a == b); }
 
 private:

@@ -25,6 +25,7 @@ class CANOPENANALYSIS_EXPORT DatachunkHandler : public QObject
     Q_DISABLE_COPY_MOVE(DatachunkHandler)
 
 public:
+    /// \a parent may be null.
     explicit DatachunkHandler(QObject *parent = nullptr);
     ~DatachunkHandler() override;
 

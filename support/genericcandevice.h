@@ -17,6 +17,7 @@ public:
     ~GenericCANDevice() override;
 
 protected:
+    /// \a parent: mostly the network model.
     explicit GenericCANDevice(QObject *parent = nullptr);
 };
 

@@ -1,0 +1,12 @@
+# Target `docs`: the public headers and the pages of docs/ as HTML, in BUILD/docs/html. Fails on what is not documented.
+find_program(DOXYGEN doxygen)
+mark_as_advanced(DOXYGEN)
+get_target_property(headers canopenanalysis HEADER_SET)
+get_target_property(inmemory_headers canopenanalysis-inmemory HEADER_SET)
+file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/docs/*.md)
+list(JOIN headers " " DOXYGEN_INPUT)
+foreach(input ${inmemory_headers} ${pages})
+    string(APPEND DOXYGEN_INPUT " ${input}")
+endforeach()
+configure_file(docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+add_custom_target(docs COMMAND ${DOXYGEN} ${PROJECT_BINARY_DIR}/Doxyfile VERBATIM)
