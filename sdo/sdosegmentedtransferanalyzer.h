@@ -38,6 +38,7 @@ public:
     };
     Q_ENUM(SegMsgType)
 
+    /// What became of a frame.
     enum class Result : int {
         Finished = 0, ///< transferData() is the value of the object
         Error = 1,    ///< the frame does not fit; it has changed nothing
@@ -67,7 +68,9 @@ public:
 
     /// The payload collected so far, in transfer order. A copy.
     QByteArray transferData() const { return mTransferData; }
+    /// Index of the object; 0 without one.
     quint16 index() const { return mIndex; }
+    /// Subindex of the object; 0 without one.
     quint8 subindex() const { return mSubindex; }
     /// The time given at construction, in seconds.
     double initRequestTime() const { return mInitTime; }
@@ -92,20 +95,20 @@ protected:
     /// Notes the frame that ended the transfer.
     Result finish(const CAN::CanRxMessage &msg);
 
-    ErrorType mLastError = ErrorType::ET_None;
-    TransferState mState = TS_Unitialized;
-    bool mLastSegmentSeen = false; // the download client's segment with c = 1 was accepted
-    quint32 mAnnouncedSize = 0;    // bytes; 0 when no size was indicated
-    quint8 mNode = 0;
-    quint16 mIndex = 0;
-    quint8 mSubindex = 0;
-    QByteArray mTransferData;
-    double mInitTime = 0.0;
-    double mLastResponseTime = 0.0;
-    quint32 mInitMsgNumber = 0;
-    quint32 mLastMsgNumber = 0;
-    quint8 mRequestToggle = 0;  // expected in the next segment request
-    quint8 mResponseToggle = 0; // expected in the next segment response
+    ErrorType mLastError = ErrorType::ET_None; ///< see lastError()
+    TransferState mState = TS_Unitialized;     ///< where the conversation stands
+    bool mLastSegmentSeen = false;             ///< the download client's segment with c = 1 was accepted
+    quint32 mAnnouncedSize = 0;                ///< bytes; 0 when no size was indicated
+    quint8 mNode = 0;                          ///< node-ID of the server
+    quint16 mIndex = 0;                        ///< see index()
+    quint8 mSubindex = 0;                      ///< see subindex()
+    QByteArray mTransferData;                  ///< see transferData()
+    double mInitTime = 0.0;                    ///< see initRequestTime()
+    double mLastResponseTime = 0.0;            ///< see lastResponseTime()
+    quint32 mInitMsgNumber = 0;                ///< see getInitMsgNumber()
+    quint32 mLastMsgNumber = 0;                ///< see lastMessageNumber()
+    quint8 mRequestToggle = 0;                 ///< expected in the next segment request
+    quint8 mResponseToggle = 0;                ///< expected in the next segment response
 
 private:
     ByteBudget *mBudget = nullptr; // the handler's
