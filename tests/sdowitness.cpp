@@ -1,5 +1,9 @@
 #include "sdowitness.h"
 
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QMap>
+
 namespace {
 
 QString textOf(const QVariant &value)
@@ -11,13 +15,52 @@ QString textOf(const QVariant &value)
     return value.isNull() ? QStringLiteral("null") : QStringLiteral("?");
 }
 
-QString objectText(uint node, uint index, uint subindex)
+QString textOf(uint index, uint subindex)
 {
-    return QStringLiteral("%1 %2:%3")
-        .arg(node)
-        .arg(index, 4, 16, QLatin1Char('0'))
-        .arg(subindex, 2, 16, QLatin1Char('0'))
-        .toUpper();
+    return QString::asprintf("%04X:%02X", index, subindex);
+}
+
+QString textOf(const SDO::SDOEntry &entry)
+{
+    QString text = QStringLiteral("%1 %2 = %3 of %4")
+                       .arg(entry.node)
+                       .arg(textOf(entry.index, entry.subindex), textOf(entry.value))
+                       .arg(entry.requestMsgNumber);
+    for (const SDO::SDOEntryValue &value : entry.values)
+        text += QStringLiteral("%1 %2(%3: %4-%5 by %6 %7)")
+                    .arg(QLatin1String(&value == &entry.values.constFirst() ? ":" : ""), textOf(value.value))
+                    .arg(value.reqMsgNumber)
+                    .arg(qRound64(value.reqTime * 1000.0))
+                    .arg(qRound64(value.respTime * 1000.0))
+                    .arg(value.canMsgNumber)
+                    .arg(QLatin1Char(value.wasSDOWrite ? 'w' : 'r'));
+    return text;
+}
+
+QString textOf(const QHash<SDO::SDOEntryKey, SDO::SDOEntry> &entries)
+{
+    QStringList texts;
+    for (const SDO::SDOEntry &entry : entries)
+        texts.append(textOf(entry));
+    texts.sort();
+    return texts.join(QStringLiteral(", "));
+}
+
+QString textOf(const CANopen::SDODef::SDOBlockTransfer &record)
+{
+    QString text = QStringLiteral("%1%2 %3 %4/%5")
+                       .arg(record.mState)
+                       .arg(QLatin1Char(record.mDirection == 1 ? 'd' : 'u'))
+                       .arg(textOf(record.mIndex, record.mSubindex))
+                       .arg(record.mSequence)
+                       .arg(record.mBlockSize);
+    if (record.mSize != 0)
+        text += QStringLiteral(" size %1").arg(record.mSize);
+    if (record.mCrcSupport != 0)
+        text += QStringLiteral(" crc %1").arg(record.mCrcSupport);
+    if (!record.mData.isEmpty())
+        text += QLatin1Char(' ') + QString::fromLatin1(QByteArray(record.mData).replace('\0', '.'));
+    return text;
 }
 
 } // namespace
@@ -27,9 +70,10 @@ SdoWitness::SdoWitness()
     connect(&handler, &SDOMessageHandler::newValue, this,
             [this](unsigned char node, unsigned short index, unsigned char subindex, const QVariant &value,
                    double reqTime, double respTime, unsigned int number, bool wasSDOWrite) {
-                QString finding = QStringLiteral("%1 %2 = %3 asked %4ms")
-                                      .arg(wasSDOWrite ? QStringLiteral("write") : QStringLiteral("read"),
-                                           objectText(node, index, subindex), textOf(value))
+                QString finding = QStringLiteral("%1 %2 %3 = %4 asked %5ms")
+                                      .arg(QLatin1String(wasSDOWrite ? "write" : "read"))
+                                      .arg(node)
+                                      .arg(textOf(index, subindex), textOf(value))
                                       .arg(qRound64(reqTime * 1000.0));
                 if (respTime != mCurrent.mTimeStamp.toDouble() || number != mCurrent.mMessageNumber)
                     finding += QStringLiteral(" (answered %1ms by %2)").arg(qRound64(respTime * 1000.0)).arg(number);
@@ -60,6 +104,8 @@ QString SdoWitness::feed(const CAN::CanRxMessage &message)
     mCurrent = message;
     const int listedBefore = handler.protocolErrors().size();
     handler.handleCANMessage(message);
+    if (showsBlocks)
+        mFindings.prepend(textOf(handler.blockTransfers().value(message.mFrame.mIdentifier & 0x7F)));
     const QList<unsigned int> listed = handler.protocolErrors().mid(listedBefore);
     for (const unsigned int number : listed)
         mFindings.append(number == message.mMessageNumber ? QStringLiteral("listed")
@@ -74,16 +120,40 @@ QString SdoWitness::takeFindings()
     return findings;
 }
 
+QString SdoWitness::awaitFindings()
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (mFindings.isEmpty() && timer.elapsed() < 200)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 10);
+    return takeFindings();
+}
+
+QString SdoWitness::obey(const QStringList &verb)
+{
+    if (verb.first() == QLatin1String("wait"))
+        return awaitFindings();
+    if (verb.first() == QLatin1String("pending"))
+        return textOf(handler.pendingSDOEntryList());
+    if (verb.first() == QLatin1String("values"))
+        return textOf(handler.foundSDOEntryList());
+    if (verb.first() == QLatin1String("keep"))
+        handler.setKeepFinishedTransfers(verb.last() == QLatin1String("on"));
+    else if (verb.first() == QLatin1String("limit"))
+        handler.setCollectedBytesLimit(verb.last().toLongLong());
+    else
+        handler.reset();
+    return takeFindings();
+}
+
 QString SdoWitness::follow(const QByteArray &trace)
 {
     QStringList differences;
-    const QList<TraceLine> lines = parseTrace(trace);
+    const QList<TraceLine> lines = parseTrace(trace, {"wait", "pending", "values", "keep", "limit", "reset"});
     for (const TraceLine &line : lines) {
-        const QString found = feed(line.message);
+        const QString found = line.verb.isEmpty() ? feed(line.message) : obey(line.verb);
         if (found != line.expected)
-            differences.append(QStringLiteral("%1: %2\n    found: %3")
-                                   .arg(line.message.mMessageNumber)
-                                   .arg(line.text, found.isEmpty() ? QStringLiteral("nothing") : found));
+            differences.append(line.text + QStringLiteral("\n    found: ") + found);
     }
     return differences.join(QLatin1Char('\n'));
 }

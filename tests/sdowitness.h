@@ -18,6 +18,14 @@
 ///     devices 6 x2 last 4                 sigMultipleNodesDetected
 ///
 /// Response time and message numbers must be those of the frame that is being handled; where they are not, it says so.
+///
+/// Besides frames a trace may hold these lines:
+///
+///     reset, keep on, keep off, limit 28  the operation of the handler: reset(), setKeepFinishedTransfers() ...
+///     wait => devices 5 x1 last 0         what a deferred check reports; 200 ms of real time when it reports nothing
+///     pending => 5 1000:02 = null of 3    the waiting requests with their values and message numbers, by object
+///     values => 5 1000:01 = 42 of 1: ...  the found entries likewise; behind each its values as
+///                                         value(request number: reqTime-respTime by response number, w or r)
 class SdoWitness : public QObject
 {
     Q_OBJECT
@@ -25,19 +33,23 @@ class SdoWitness : public QObject
 public:
     SdoWitness();
 
-    /// Feeds the trace and compares each frame's findings with its expectation; empty when all agree, else what differs.
+    /// Feeds the trace and compares each line's findings with its expectation; empty when all agree, else what differs.
     QString follow(const QByteArray &trace);
     /// Feeds one frame and returns what was found.
     QString feed(const CAN::CanRxMessage &message);
-    /// What was reported since the last call, by frames or by a deferred check.
-    QString takeFindings();
 
     SDOMessageHandler handler{nullptr, nullptr};
     /// Called within each emission, after it was noted: where a slot of a host would run.
     std::function<void()> inSlot;
+    /// The findings of each frame open with its node's block record: state, d or u, object, counter/blksize, and, unless they are
+    /// zero or empty, size, CRC support and data (zero bytes as "."): "3d 2000:00 1/127 size 12 crc 4 ABCDEFG".
+    bool showsBlocks = false;
 
 private:
     void note(const QString &finding);
+    QString obey(const QStringList &verb);
+    QString awaitFindings();
+    QString takeFindings();
 
     CAN::CanRxMessage mCurrent;
     QStringList mFindings;

@@ -1,24 +1,20 @@
 #include "trace.h"
 
-#include <QStringList>
-
 namespace {
 
-constexpr qint64 nsecsPerMsec = 1000000;
+constexpr double nsecsPerMsec = 1000000;
 
-/// Consumes an opening "+20ms" and returns its milliseconds.
+/// Consumes an opening "+20ms" and returns its nanoseconds.
 qint64 takeTimeStep(QStringList &words, qint64 otherwise)
 {
     if (words.isEmpty() || !words.constFirst().startsWith(QLatin1Char('+')))
         return otherwise;
-    QString step = words.takeFirst().mid(1);
-    bool ok = step.endsWith(QLatin1String("ms"));
-    step.chop(2);
-    bool isNumber = false;
-    const qint64 msecs = step.toLongLong(&isNumber);
-    if (!ok || !isNumber)
+    const QString step = words.takeFirst();
+    bool ok = false;
+    const double msecs = step.mid(1, step.size() - 3).toDouble(&ok);
+    if (!ok || !step.endsWith(QLatin1String("ms")))
         qFatal("trace: a time step reads +20ms");
-    return msecs;
+    return qRound64(msecs * nsecsPerMsec);
 }
 
 quint8 byteOf(const QString &word)
@@ -60,10 +56,11 @@ CAN::CanMessage parseFrame(QStringList words)
 
 } // namespace
 
-QList<TraceLine> parseTrace(const QByteArray &trace)
+QList<TraceLine> parseTrace(const QByteArray &trace, const QStringList &verbs)
 {
     QList<TraceLine> lines;
-    qint64 msecs = 0;
+    qint64 nsecs = 0;
+    quint32 number = 0;
     const QStringList texts = QString::fromUtf8(trace).split(QLatin1Char('\n'));
     for (const QString &text : texts) {
         TraceLine line;
@@ -73,10 +70,14 @@ QList<TraceLine> parseTrace(const QByteArray &trace)
         QStringList words = bus.simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
         if (words.isEmpty())
             continue;
-        msecs += takeTimeStep(words, lines.isEmpty() ? 0 : 1);
-        line.message.mFrame = parseFrame(words);
-        line.message.mTimeStamp = CanTimeStamp::fromNSecs(msecs * nsecsPerMsec);
-        line.message.mMessageNumber = static_cast<quint32>(lines.size() + 1);
+        if (verbs.contains(words.constFirst())) {
+            line.verb = words;
+        } else {
+            nsecs += takeTimeStep(words, number == 0 ? 0 : qint64(nsecsPerMsec));
+            line.message.mFrame = parseFrame(words);
+            line.message.mTimeStamp = CanTimeStamp::fromNSecs(nsecs);
+            line.message.mMessageNumber = ++number;
+        }
         lines.append(line);
     }
     return lines;

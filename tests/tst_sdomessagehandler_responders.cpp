@@ -11,18 +11,11 @@ class TestResponders : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void repeatedAnswers_data();
-    void repeatedAnswers();
-    void wholeMillisecondsCount();
-    void deferredCheckReportsTheWayBack();
+    void conversation_data();
+    void conversation();
     void deferredCheckKeepsItsDistance();
-    void deferredCheckAfterAReset();
     void countOf255Wraps();
     void thousandsOfChecksDoNotFreezeTheEventLoop();
-
-private:
-    /// Serves events until the handler has reported, or 200 ms.
-    static QString waitForFindings(SdoWitness &sdo);
 };
 
 static const QByteArray read = R"(
@@ -30,9 +23,9 @@ static const QByteArray read = R"(
     +3ms 585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 0ms
     )";
 
-void TestResponders::repeatedAnswers_data()
+void TestResponders::conversation_data()
 {
-    // The traces are fed at once, so no deferred check comes in between.
+    // The traces are fed at once, so a deferred check comes only where they wait for it.
     QTest::addColumn<QByteArray>("trace");
 
     QTest::newRow("second answer to a read") << read + QByteArray(R"(
@@ -40,8 +33,8 @@ void TestResponders::repeatedAnswers_data()
     QTest::newRow("third answer: counted on") << read + QByteArray(R"(
         585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3
         585  43 00 10 00 02 00 00 00 => devices 5 x3 last 4)");
-    QTest::newRow("exactly 20 ms after the request") << read + QByteArray(R"(
-        +17ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
+    QTest::newRow("just under 21 ms after the request: whole milliseconds count") << read + QByteArray(R"(
+        +17.999999ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
     QTest::newRow("21 ms after the request: no repeat, and the object is forgotten") << read + QByteArray(R"(
         +18ms 585  43 00 10 00 02 00 00 00 => error 0, listed
         +-10ms 585  43 00 10 00 02 00 00 00 => error 0, listed)");
@@ -83,54 +76,41 @@ void TestResponders::repeatedAnswers_data()
         605  40 00 10 00 00 00 00 00
         585  43 00 10 00
         585  43 00 10 00 => devices 5 x2 last 3)");
+    QTest::newRow("deferred check: once, and then when a count was set back") << read + QByteArray(R"(
+        wait                         => devices 5 x1 last 0
+        605  40 00 10 00 00 00 00 00
+        585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 4ms
+        wait | the count is 1 already
+        605  40 00 10 00 00 00 00 00
+        585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 6ms
+        585  43 00 10 00 02 00 00 00 => devices 5 x2 last 7
+        605  40 00 10 00 00 00 00 00
+        585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 9ms
+        wait                         => devices 5 x1 last 7)");
+    QTest::newRow("deferred check: a late answer sets the count back, too; one check reports every node") << read + R"(
+        585  43 00 10 00 02 00 00 00       => devices 5 x2 last 3
+        +30ms 585  43 00 10 00 02 00 00 00 => error 0, listed
+        606  40 00 10 00 00 00 00 00
+        586  43 00 10 00 01 00 00 00       => read 6 1000:00 = 1 asked 35ms
+        wait                               => devices 5 x1 last 3, devices 6 x1 last 3)";
+    QTest::newRow("reset: the reported counts start again, the last repeat's number stays") << QByteArray(R"(
+        605  23 00 10 00 2A 00 00 00
+        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 42 asked 0ms
+        585  60 00 10 00 00 00 00 00 => devices 5 x1 last 3
+        reset
+        wait
+        585  43 00 10 00 02 00 00 00 => error 0, listed
+        605  40 00 10 00 00 00 00 00
+        585  43 00 10 00 01 00 00 00 => read 5 1000:00 = 1 asked 4ms
+        wait                         => devices 5 x1 last 3)");
 }
 
-void TestResponders::repeatedAnswers()
+void TestResponders::conversation()
 {
     QFETCH(QByteArray, trace);
     SdoWitness sdo;
-    QCOMPARE(sdo.follow(trace), QString());
-}
-
-void TestResponders::wholeMillisecondsCount()
-{
-    SdoWitness sdo;
-    QCOMPARE(sdo.follow(read), QString());
-    CAN::CanRxMessage repeat = frame("585 43 00 10 00 02");
-    repeat.mTimeStamp = CanTimeStamp::fromNSecs(20999999);
-    QCOMPARE(sdo.feed(repeat), QStringLiteral("devices 5 x2 last 1"));
-}
-
-QString TestResponders::waitForFindings(SdoWitness &sdo)
-{
-    QString findings;
-    QElapsedTimer timer;
-    timer.start();
-    while (findings.isEmpty() && timer.elapsed() < 200) {
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 10);
-        findings = sdo.takeFindings();
-    }
-    return findings;
-}
-
-void TestResponders::deferredCheckReportsTheWayBack()
-{
-    SdoWitness sdo;
-    QCOMPARE(sdo.follow(read), QString());
-    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 0"));
-    QCOMPARE(sdo.follow(read), QString()); // the count is 1 already: no further check
-    QCOMPARE(waitForFindings(sdo), QString());
-
-    QCOMPARE(sdo.follow(read + "585  43 00 10 00 02 => devices 5 x2 last 3"), QString());
-    QCOMPARE(sdo.follow(read), QString());
-    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3"));
-
-    // A late answer sets the count back, too. One check reports every node.
-    QCOMPARE(sdo.follow(read
-                        + "585  43 00 10 00 02 => devices 5 x2 last 3\n+30ms 585  43 00 10 00 02 => error 0, listed\n"
-                          "606  40 00 10 00\n586  43 00 10 00 01 => read 6 1000:00 = 1 asked 35ms"),
-             QString());
-    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3, devices 6 x1 last 3"));
+    const QString differences = sdo.follow(trace);
+    QVERIFY2(differences.isEmpty(), qPrintable(differences));
 }
 
 void TestResponders::deferredCheckKeepsItsDistance()
@@ -138,23 +118,8 @@ void TestResponders::deferredCheckKeepsItsDistance()
     SdoWitness sdo;
     QElapsedTimer timer;
     timer.start();
-    QCOMPARE(sdo.follow(read), QString());
-    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 0"));
+    QCOMPARE(sdo.follow(read + "wait => devices 5 x1 last 0"), QString());
     QVERIFY(timer.nsecsElapsed() >= 20000000);
-}
-
-void TestResponders::deferredCheckAfterAReset()
-{
-    SdoWitness sdo;
-    QCOMPARE(sdo.follow("605 23 00 10 00 2A\n585 60 00 10 00 => write 5 1000:00 = 42 asked 0ms\n"
-                        "585 60 00 10 00 => devices 5 x1 last 3"),
-             QString());
-    sdo.handler.reset();
-    QCOMPARE(waitForFindings(sdo), QString());
-    // The reported counts start again; the last repeat's number stays.
-    QCOMPARE(sdo.follow("585  43 00 10 00 02 => error 0, listed"), QString());
-    QCOMPARE(sdo.follow(read), QString());
-    QCOMPARE(waitForFindings(sdo), QStringLiteral("devices 5 x1 last 3"));
 }
 
 void TestResponders::countOf255Wraps()
@@ -179,10 +144,9 @@ void TestResponders::thousandsOfChecksDoNotFreezeTheEventLoop()
             sdo.handler.handleCANMessage(message);
     }
     const qint64 feeding = timer.restart();
-    sdo.handler.handleCANMessage(messages.at(0));
-    sdo.handler.handleCANMessage(messages.at(1));
-    sdo.takeFindings();
-    QVERIFY(waitForFindings(sdo).startsWith(QLatin1String("devices 5 x1")));
+    sdo.feed(messages.at(0));
+    sdo.feed(messages.at(1));
+    QCOMPARE(sdo.follow("wait => devices 5 x1 last 3"), QString());
     // With a timer for each call, serving them took many times as long as asking for them.
     QVERIFY2(timer.elapsed() < feeding + 200, qPrintable(QString::number(timer.elapsed())));
 }
