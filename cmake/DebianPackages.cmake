@@ -55,6 +55,7 @@ headers, the CMake package, pkg-config files, and documents.")
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME canopen-analyze)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS libqt5serialbus5-plugins) # for live traffic
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "analyser of CANopen traffic
 ${what_it_does}
 This package holds a program that reports it as text or as JSON.")
