@@ -28,6 +28,7 @@ install(FILES ${PROJECT_BINARY_DIR}/CANopenAnalysisConfig.cmake ${PROJECT_BINARY
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY /prefix OUTPUT_VARIABLE pc_home)
 cmake_path(APPEND pc_home pkgconfig)
 file(RELATIVE_PATH pc_to_prefix ${pc_home} /prefix)
+string(REGEX REPLACE "/$" "" pc_to_prefix ${pc_to_prefix})
 cmake_path(IS_ABSOLUTE CMAKE_INSTALL_LIBDIR libdir_is_absolute)
 if(libdir_is_absolute)
     set(pc_prefix ${CMAKE_INSTALL_PREFIX})
