@@ -1,0 +1,56 @@
+#ifndef CANOPENANALYSIS_FUZZ_SDOFINDINGS_H
+#define CANOPENANALYSIS_FUZZ_SDOFINDINGS_H
+
+#include "sdo/sdomessagehandler.h"
+
+#include <functional>
+#include <vector>
+
+/// One signal of an SDO message handler.
+struct SdoFinding
+{
+    enum Kind { Value, Error, Devices };
+
+    Kind kind = Value;
+    SDO::SDOEntryKey object;  ///< of an error none, of devices the node
+    SDO::SDOEntryValue value; ///< of the others only the message number
+    uint detail = 0;          ///< error type or number of devices
+
+    friend bool operator==(const SdoFinding &a, const SdoFinding &b)
+    {
+        return a.kind == b.kind && a.object == b.object && a.value == b.value && a.detail == b.detail;
+    }
+};
+
+inline SdoFinding valueFinding(quint8 node, quint16 index, quint8 subindex, const QVariant &value, double reqTime,
+                               double respTime, quint32 msgNumber, bool wasSDOWrite)
+{
+    return {SdoFinding::Value, {node, index, subindex}, {value, reqTime, respTime, msgNumber, 0, wasSDOWrite}, 0};
+}
+
+/// A handler without deferred checks, whose findings go to \a found from within each emission.
+class ObservedSdoHandler
+{
+public:
+    explicit ObservedSdoHandler(std::function<void(const SdoFinding &)> found)
+    {
+        using Handler = SDOMessageHandler;
+        handler.setDefersNodeCountChecks(false); // they depend on the clock
+        QObject::connect(&handler, &Handler::newValue, &handler,
+                         [found](quint8 node, quint16 index, quint8 subindex, const QVariant &value, double reqTime,
+                                 double respTime, quint32 number, bool wasSDOWrite) {
+                             found(valueFinding(node, index, subindex, value, reqTime, respTime, number, wasSDOWrite));
+                         });
+        QObject::connect(&handler, &Handler::sigProtocolError, &handler, [found](quint32 number, uint type) {
+            found({SdoFinding::Error, {}, {{}, 0, 0, number, 0, false}, type});
+        });
+        QObject::connect(&handler, &Handler::sigMultipleNodesDetected, &handler,
+                         [found](quint8 node, quint8 count, quint32 number) {
+                             found({SdoFinding::Devices, {node, 0, 0}, {{}, 0, 0, number, 0, false}, count});
+                         });
+    }
+
+    SDOMessageHandler handler{nullptr, nullptr};
+};
+
+#endif // CANOPENANALYSIS_FUZZ_SDOFINDINGS_H
