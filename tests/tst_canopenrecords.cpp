@@ -4,39 +4,30 @@
 
 #include <QtTest>
 
+#include <functional>
+
 /// The CAN and CANopen records: time stamps, payload extraction, entry keys, name tables.
 class TestCanopenRecords : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void wholeMillisecondsAreRoundedDown_data();
     void wholeMillisecondsAreRoundedDown();
     void payloadBytes_data();
     void payloadBytes();
-    void entryKeysPackIntoTheHash_data();
-    void entryKeysPackIntoTheHash();
     void entriesAreFoundByTheirObject();
+    void entriesCompareOverAllTheirFields();
     void startingValues();
     void nameTables();
 };
 
-void TestCanopenRecords::wholeMillisecondsAreRoundedDown_data()
-{
-    QTest::addColumn<qint64>("nsecs");
-    QTest::addColumn<qint64>("msecs");
-    QTest::newRow("unknown time") << qint64(0) << qint64(0);
-    QTest::newRow("just before a millisecond") << qint64(20999999) << qint64(20);
-    QTest::newRow("a millisecond") << qint64(21000000) << qint64(21);
-    QTest::newRow("just before the epoch") << qint64(-1) << qint64(-1);
-    QTest::newRow("a millisecond before the epoch") << qint64(-1000000) << qint64(-1);
-    QTest::newRow("present date") << qint64(1710000000123999999) << qint64(1710000000123);
-}
-
 void TestCanopenRecords::wholeMillisecondsAreRoundedDown()
 {
-    QFETCH(qint64, nsecs);
-    QTEST(CanTimeStamp::fromNSecs(nsecs).toMsecs(), "msecs");
+    QCOMPARE(CanTimeStamp::fromNSecs(20999999).toMsecs(), qint64(20));
+    QCOMPARE(CanTimeStamp::fromNSecs(21000000).toMsecs(), qint64(21));
+    QCOMPARE(CanTimeStamp::fromNSecs(-1).toMsecs(), qint64(-1));
+    QCOMPARE(CanTimeStamp::fromNSecs(-1000000).toMsecs(), qint64(-1));
+    QCOMPARE(CanTimeStamp::fromNSecs(1710000000123999999).toMsecs(), qint64(1710000000123));
 }
 
 void TestCanopenRecords::payloadBytes_data()
@@ -47,21 +38,18 @@ void TestCanopenRecords::payloadBytes_data()
     QTest::addColumn<bool>("inOrder");
     QTest::addColumn<QByteArray>("hex");
 
-    const QByteArray size12 = "585 41 00 10 00 0C 00 00 00";
-    QTest::newRow("size, most significant first") << size12 << 4 << -1 << false << QByteArray("0000000c");
-    QTest::newRow("value of one byte") << size12 << 4 << 1 << false << QByteArray("0c");
-    const QByteArray segment = "605 07 41 42 43 44 45 46 47";
-    QTest::newRow("segment with n = 3") << segment << 1 << 4 << true << QByteArray("41424344");
-    QTest::newRow("whole segment") << segment << 1 << 7 << true << QByteArray("41424344454647");
-    QTest::newRow("count past the end") << QByteArray("605 07 41 42") << 1 << 7 << true << QByteArray("4142");
-    QTest::newRow("count past the end, reversed")
-        << QByteArray("605 07 41 42") << 1 << 7 << false << QByteArray("4241");
-    QTest::newRow("nothing there") << QByteArray("605 40 00 10 00") << 4 << -1 << false << QByteArray();
-    QTest::newRow("first beyond the record") << segment << 100 << -1 << true << QByteArray();
-    QTest::newRow("negative first") << segment << -1 << 3 << true << QByteArray();
-    QTest::newRow("end of an FD frame") << QByteArray("205 00 01 02 03 04 05 06 07 08 09 0A 0B") << 7 << -1 << true
-                                        << QByteArray("0708090a0b");
-    QTest::newRow("count 0") << segment << 1 << 0 << true << QByteArray();
+    const auto row = [](const char *name, const char *line, int first, int count, bool inOrder, const char *hex) {
+        QTest::newRow(name) << QByteArray(line) << first << count << inOrder << QByteArray(hex);
+    };
+    row("size, most significant first", "585 41 00 10 00 0C 00 00 00", 4, -1, false, "0000000c");
+    row("segment with n = 3", "605 07 41 42 43 44 45 46 47", 1, 4, true, "41424344");
+    row("count past the end, reversed", "605 07 41 42", 1, 7, false, "4241");
+    row("count past the end", "605 07 41 42", 1, 7, true, "4142");
+    row("nothing there", "605 40 00 10 00", 4, -1, false, "");
+    row("first beyond the record", "605 07 41 42 43 44 45 46 47", 100, -1, true, "");
+    row("negative first", "605 07 41 42 43 44 45 46 47", -1, 3, true, "");
+    row("count 0", "605 07 41 42 43 44 45 46 47", 1, 0, true, "");
+    row("end of an FD frame", "205 00 01 02 03 04 05 06 07 08 09 0A 0B", 7, -1, true, "0708090a0b");
 }
 
 void TestCanopenRecords::payloadBytes()
@@ -77,42 +65,57 @@ void TestCanopenRecords::payloadBytes()
     QVERIFY(damaged.dataToByteArray(first, -1, inOrder).size() <= CAN::CanMessage::maxPayload);
 }
 
-void TestCanopenRecords::entryKeysPackIntoTheHash_data()
-{
-    QTest::addColumn<SDO::SDOEntryKey>("key");
-    QTest::addColumn<uint>("seed");
-    QTest::addColumn<uint>("hash");
-    QTest::newRow("identity object") << SDO::SDOEntryKey(0x12, 0x1018, 0x01) << 0u << 0x12101801u;
-    QTest::newRow("seed") << SDO::SDOEntryKey(0x12, 0x1018, 0x01) << 0xFFFF0000u << 0xEDEF1801u;
-    QTest::newRow("no object") << SDO::SDOEntryKey() << 0u << 0u;
-    QTest::newRow("largest") << SDO::SDOEntryKey(0xFF, 0xFFFF, 0xFF) << 0u << 0xFFFFFFFFu;
-}
-
-void TestCanopenRecords::entryKeysPackIntoTheHash()
-{
-    QFETCH(SDO::SDOEntryKey, key);
-    QFETCH(uint, seed);
-    QTEST(qHash(key, seed), "hash");
-}
-
 void TestCanopenRecords::entriesAreFoundByTheirObject()
 {
-    const SDO::SDOEntryKey object(5, 0x1000, 1);
-    SDO::SDOEntry entry(object);
-    QVERIFY(entry.value.isNull());
-    entry.values.append(SDO::SDOEntryValue());
+    QCOMPARE(qHash(SDO::SDOEntryKey(0x12, 0x1018, 0x01), 0), 0x12101801u);
+    QCOMPARE(qHash(SDO::SDOEntryKey(0xFF, 0xFFFF, 0xFF), 0xFFFF0000), 0xFFFFu);
 
+    const SDO::SDOEntryKey object(5, 0x1000, 1);
     QHash<SDO::SDOEntryKey, SDO::SDOEntry> entries;
-    entries.insert(entry, entry);
+    entries.insert(object, SDO::SDOEntry(object));
     for (const SDO::SDOEntryKey &other :
          {SDO::SDOEntryKey(5, 0x1000, 2), SDO::SDOEntryKey(5, 0x1001, 1), SDO::SDOEntryKey(6, 0x1000, 1)})
         QVERIFY(other != object && !entries.contains(other));
-    QVERIFY(entries.value(object) == entry);
-    QVERIFY(entries.value(object) != SDO::SDOEntry(object)); // a key compares as a key, an entry over all its fields
+    QVERIFY(entries.value(object).value.isNull());
 
     const SDO::SDOEntry missing = entries.value(SDO::SDOEntryKey(5, 0x1000, 2));
     QCOMPARE(missing.value, QVariant(195948557));
     QVERIFY(static_cast<const SDO::SDOEntryKey &>(missing) == SDO::SDOEntryKey(0, 0, 0));
+}
+
+void TestCanopenRecords::entriesCompareOverAllTheirFields()
+{
+    SDO::SDOEntry entry(SDO::SDOEntryKey(5, 0x1000, 1));
+    entry.value = QVariant(42ll);
+    entry.values.append(SDO::SDOEntryValue());
+    entry.values[0].value = QVariant(42ll);
+    QVERIFY(entry == SDO::SDOEntry(entry));
+
+    using Entry = SDO::SDOEntry;
+    const QList<std::function<void(Entry &)>> changes = {
+        [](Entry &other) { other.node = 6; },
+        [](Entry &other) { other.index = 0x1001; },
+        [](Entry &other) { other.subindex = 2; },
+        [](Entry &other) { other.text = "?"; },
+        [](Entry &other) { other.number = 1; },
+        [](Entry &other) { other.flag = true; },
+        [](Entry &other) { other.requestTime = CanTimeStamp::fromNSecs(1); },
+        [](Entry &other) { other.requestMsgNumber = 1; },
+        [](Entry &other) { other.value = QVariant(43ll); },
+        [](Entry &other) { other.value = QByteArray("42"); }, // although QVariant says that it equals the number
+        [](Entry &other) { other.values.clear(); },
+        [](Entry &other) { other.values[0].value = QByteArray("42"); },
+        [](Entry &other) { other.values[0].reqTime = 0.5; },
+        [](Entry &other) { other.values[0].respTime = 0.5; },
+        [](Entry &other) { other.values[0].canMsgNumber = 1; },
+        [](Entry &other) { other.values[0].reqMsgNumber = 1; },
+        [](Entry &other) { other.values[0].wasSDOWrite = true; },
+    };
+    for (int i = 0; i < changes.size(); ++i) {
+        Entry other = entry;
+        changes[i](other);
+        QVERIFY2(!(other == entry) && other != entry, qPrintable(QString::number(i)));
+    }
 }
 
 void TestCanopenRecords::startingValues()
