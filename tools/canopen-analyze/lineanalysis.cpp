@@ -1,9 +1,6 @@
 #include "lineanalysis.h"
 
 #include "framescan.h"
-#include "inmemory/inmemorycanopennetwork.h"
-#include "linewatcher.h"
-#include "network/canopennetworkanalyzer.h"
 #include "sdoaccesses.h"
 
 #include <algorithm>
@@ -21,86 +18,91 @@ void sortByFrame(std::vector<Finding> &findings)
                      [](const Finding &a, const Finding &b) { return a.frame.number < b.frame.number; });
 }
 
-// Runs the analysis of one line and collects its results.
-class LineAnalysis
+} // namespace
+
+LineAnalysis::LineAnalysis(InMemoryDatachunkHandler &store, const std::string &interface, quint8 line)
+    : mStore(store), mInterface(interface), mLine(line), mNetwork(line)
 {
-public:
-    LineAnalysis(Recording &recording, quint8 line, Progress &progress);
-
-    LineFindings run();
-
-private:
-    void waitForEnd(LineWatcher &watcher, const InMemoryCANopenNetwork &network);
-    void takeRating(const CANopenNetworkAnalyzer &analyzer);
-    void takeNodes(const InMemoryCANopenNetwork &network, const LineWatcher &watcher);
-    QMap<quint8, quint8> mostDevices(const LineWatcher &watcher) const;
-    void takeAccesses(const InMemoryCANopenNetwork &network);
-    void takeFaults(const QList<unsigned int> &listed, const LineWatcher &watcher);
-    void takeOpenRequests(const QHash<SDO::SDOEntryKey, SDO::SDOEntry> &pending);
-    void takeBlockTransfers(const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &transfers);
-    bool endedLater(const SDO::SDOEntry &request) const;
-
-    InMemoryDatachunkHandler &mStore;
-    Progress &mProgress;
-    LineFindings mFindings;
-    QHash<SDO::SDOEntryKey, quint32> mLastResponse; // of each object that was read or written
-};
-
-LineAnalysis::LineAnalysis(Recording &recording, quint8 line, Progress &progress)
-    : mStore(recording.store()), mProgress(progress)
-{
-    mFindings.interface = recording.facts().interfaces[line];
-    mFindings.line = line;
-    mFindings.frames = quint32(mStore.messageCountOfLine(line));
+    mAnalyzer.emplace(&mNetwork, &mStore);
+    mWatcher.watch(*mAnalyzer, mStore, line);
 }
 
-LineFindings LineAnalysis::run()
-{
-    {
-        InMemoryCANopenNetwork network(mFindings.line);
-        LineWatcher watcher;
-        CANopenNetworkAnalyzer analyzer(&network, &mStore);
-        watcher.watch(analyzer, mStore, mFindings.line);
-        analyzer.setAnalyzing(true);
-        waitForEnd(watcher, network);
+LineAnalysis::~LineAnalysis() = default;
 
-        takeRating(analyzer);
-        takeNodes(network, watcher);
-        takeAccesses(network);
-        takeFaults(analyzer.protocolErrors(), watcher);
-        takeOpenRequests(analyzer.pendingSDOEntryList());
-        takeBlockTransfers(analyzer.blockTransfers());
-    } // the store is nobody else's from here on
+void LineAnalysis::start()
+{
+    mAnalyzer->setAnalyzing(true);
+}
+
+void LineAnalysis::endWithLine()
+{
+    mWatcher.setComplete();
+    mStore.resetLinePositions(); // so that it tells the end again, should the analysis have come to it before
+}
+
+LineFindings LineAnalysis::finish(Progress &progress)
+{
+    waitForEnd(progress);
+    begin();
+    takeRating();
+    takeNodes();
+    takeAccesses();
+    takeFaults();
+    addAcknowledgements();
+    takeOpenRequests(mAnalyzer->pendingSDOEntryList());
+    takeBlockTransfers(mAnalyzer->blockTransfers());
+    mAnalyzer.reset(); // the store is nobody else's from here on
     scanFrames(mStore, mFindings);
     sortByFrame(mFindings.faults);
     return std::move(mFindings);
 }
 
-void LineAnalysis::waitForEnd(LineWatcher &watcher, const InMemoryCANopenNetwork &network)
+LineFindings LineAnalysis::overview()
 {
-    constexpr int progressMs = 100;
-    const std::string what = "Analysing " + mFindings.interface;
-    while (!watcher.waitForEnd(progressMs))
-        mProgress.show(what, qint64(network.traffic().frames), mFindings.frames);
-    mProgress.clear();
+    begin();
+    if (mFindings.frames > 0) {
+        mFindings.first = frameOfNumber(mStore, 1).mTimeStamp;
+        mFindings.last = frameOfNumber(mStore, mFindings.frames).mTimeStamp;
+    }
+    takeRating();
+    takeNodes();
+    takeFaults();
+    return std::move(mFindings);
 }
 
-void LineAnalysis::takeRating(const CANopenNetworkAnalyzer &analyzer)
+void LineAnalysis::begin()
+{
+    mFindings = {};
+    mFindings.interface = mInterface;
+    mFindings.line = mLine;
+    mFindings.frames = quint32(mStore.messageCountOfLine(mLine));
+}
+
+void LineAnalysis::waitForEnd(Progress &progress)
+{
+    constexpr int progressMs = 100;
+    const std::string what = "Analysing " + mInterface;
+    while (!mWatcher.waitForEnd(progressMs))
+        progress.show(what, qint64(mNetwork.traffic().frames), mStore.messageCountOfLine(mLine));
+    progress.clear();
+}
+
+void LineAnalysis::takeRating()
 {
     using Worker = CANopenNetworkAnalyzerWorker;
-    const auto counts = analyzer.ratingCounts();
-    mFindings.rating = analyzer.calculateRating();
+    const auto counts = mAnalyzer->ratingCounts();
+    mFindings.rating = mAnalyzer->calculateRating();
     mFindings.sdoAborts = counts.value(Worker::RMT_SdoAbort);
     mFindings.protocolErrors = counts.value(Worker::RMT_ProtocolError);
     mFindings.unhandledFrames = counts.value(Worker::RMT_Unhandled);
-    mFindings.classes = analyzer.messageTypeDistribution();
+    mFindings.classes = mAnalyzer->messageTypeDistribution();
 }
 
-void LineAnalysis::takeNodes(const InMemoryCANopenNetwork &network, const LineWatcher &watcher)
+void LineAnalysis::takeNodes()
 {
-    mFindings.nmtCommands = network.nmtCommands();
-    mFindings.nodes = network.nodes();
-    const QMap<quint8, quint8> devices = mostDevices(watcher);
+    mFindings.nmtCommands = mNetwork.nmtCommands();
+    mFindings.nodes = mNetwork.nodes();
+    const QMap<quint8, quint8> devices = mostDevices();
     for (InMemory::Node &node : mFindings.nodes) {
         node.presumedDevices = devices.value(node.nodeId, 1);
         for (const InMemory::Emergency &emergency : std::as_const(node.emergencies))
@@ -114,11 +116,11 @@ void LineAnalysis::takeNodes(const InMemoryCANopenNetwork &network, const LineWa
 // How many devices answered under each node-ID. The model knows the latest number only, which falls back to one with the next
 // request. Told after a repeated answer to a read, a number is exact; answers to writes are added to what was before, so from
 // them follows only that there is more than one device.
-QMap<quint8, quint8> LineAnalysis::mostDevices(const LineWatcher &watcher) const
+QMap<quint8, quint8> LineAnalysis::mostDevices() const
 {
     constexpr quint8 readAnswer = 0x40;
     QMap<quint8, quint8> most;
-    for (const LineWatcher::DeviceCount &told : watcher.deviceCounts()) {
+    for (const LineWatcher::DeviceCount &told : mWatcher.deviceCounts()) {
         if (told.count < 2)
             continue;
         const CAN::CanRxMessage answer = frameOfNumber(mStore, told.repeatedAnswer);
@@ -128,9 +130,9 @@ QMap<quint8, quint8> LineAnalysis::mostDevices(const LineWatcher &watcher) const
     return most;
 }
 
-void LineAnalysis::takeAccesses(const InMemoryCANopenNetwork &network)
+void LineAnalysis::takeAccesses()
 {
-    const InMemory::ObjectValues objects = network.objectValues();
+    const InMemory::ObjectValues objects = mNetwork.objectValues();
     for (auto object = objects.cbegin(); object != objects.cend(); ++object) {
         const SDO::SDOEntryKey &key = object.key();
         ++mFindings.objectsOfNode[key.node];
@@ -142,24 +144,31 @@ void LineAnalysis::takeAccesses(const InMemoryCANopenNetwork &network)
     sortByResponse(mFindings.accesses);
 }
 
-void LineAnalysis::takeFaults(const QList<unsigned int> &listed, const LineWatcher &watcher)
+void LineAnalysis::addFault(quint32 messageNumber, ProtocolFault::Kind kind)
 {
-    const auto add = [this](quint32 number, ProtocolFault::Kind kind) {
-        const CAN::CanRxMessage msg = frameOfNumber(mStore, number);
-        mFindings.faults.push_back({refOf(msg), msg.mFrame, kind});
-    };
+    const CAN::CanRxMessage msg = frameOfNumber(mStore, messageNumber);
+    mFindings.faults.push_back({refOf(msg), msg.mFrame, kind});
+}
+
+// What was signalled; frames are handled in order, so the faults ascend.
+void LineAnalysis::takeFaults()
+{
+    for (const LineWatcher::Error &error : mWatcher.errors())
+        addFault(error.messageNumber, ProtocolFault::Kind(error.type));
+}
+
+// What is listed, in ascending order, without having been signalled are acknowledgements of blocks.
+void LineAnalysis::addAcknowledgements()
+{
+    const QList<unsigned int> listed = mAnalyzer->protocolErrors();
     std::vector<quint32> signalled;
-    for (const LineWatcher::Error &error : watcher.errors()) {
-        add(error.messageNumber, ProtocolFault::Kind(error.type));
-        signalled.push_back(error.messageNumber);
-    }
-    // What is listed without having been signalled are acknowledgements of blocks. Frames are handled in order, so both
-    // ascend.
+    for (const ProtocolFault &fault : mFindings.faults)
+        signalled.push_back(fault.frame.number);
     std::vector<quint32> acknowledgements;
     std::set_difference(listed.cbegin(), listed.cend(), signalled.cbegin(), signalled.cend(),
                         std::back_inserter(acknowledgements));
     for (const quint32 number : acknowledgements)
-        add(number, ProtocolFault::SegmentsLost); // unless the frames around it say otherwise
+        addFault(number, ProtocolFault::SegmentsLost); // unless the frames around it say otherwise
     sortByFrame(mFindings.faults);
 }
 
@@ -192,11 +201,4 @@ void LineAnalysis::takeBlockTransfers(const QMap<unsigned char, CANopen::SDODef:
         if (transfer->mState != 0)
             mFindings.blockTransfers.insert(transfer.key(), *transfer);
     }
-}
-
-} // namespace
-
-LineFindings analyseLine(Recording &recording, quint8 line, Progress &progress)
-{
-    return LineAnalysis(recording, line, progress).run();
 }

@@ -36,7 +36,7 @@ std::vector<LineWatcher::DeviceCount> LineWatcher::deviceCounts() const
 
 void LineWatcher::onEndOfLine(unsigned char line)
 {
-    if (line != mLine)
+    if (line != mLine || !mIsComplete)
         return;
     // Before the waiting thread learns of the end: it may destroy the analyzer then.
     mAnalyzer->stop();

@@ -7,12 +7,13 @@
 #include <QObject>
 #include <QPointer>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <vector>
 
 /// Listens to the analysis of one line: collects what is told by signal only, and ends the analysis at the end of the line,
-/// so that nobody has to wait for the pause of an analysis that has nothing left to do.
+/// when that is known to be the end, so that nobody has to wait for the pause of an analysis that has nothing left to do.
 /// Owner: whoever creates it; must outlive the analyzer. Threads: the slots run in the analysis thread, the rest in the
 /// thread of the analyzer; they share under mMutex.
 class LineWatcher : public QObject
@@ -40,6 +41,9 @@ public:
     /// Requires: called once, before \a analyzer is resumed.
     void watch(CANopenNetworkAnalyzer &analyzer, InMemoryDatachunkHandler &store, quint8 line);
 
+    /// No further frames come: the analysis ends when it next finds that there is none. Any thread.
+    void setComplete() { mIsComplete = true; }
+
     /// Waits until the line has been analysed to its end, or \a timeoutMs; returns whether it has.
     bool waitForEnd(int timeoutMs);
 
@@ -57,6 +61,7 @@ private:
     CANopenNetworkAnalyzer *mAnalyzer = nullptr; // not owned; does not outlive this
     quint8 mLine = 0;
 
+    std::atomic<bool> mIsComplete{false};
     mutable std::mutex mMutex; // guards what follows
     std::condition_variable mEnded;
     bool mHasEnded = false;

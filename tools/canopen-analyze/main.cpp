@@ -1,4 +1,5 @@
 #include "lineanalysis.h"
+#include "livesession.h"
 #include "offlinebatch.h"
 #include "options.h"
 #include "recording.h"
@@ -38,8 +39,12 @@ QString analyseRecording(const QString &fileName, const Options &options, Progre
     if (!problem.isEmpty())
         return problem;
     reports.begin(recording.facts());
-    for (const quint8 line : lines)
-        reports.line(analyseLine(recording, line, progress));
+    for (const quint8 line : lines) {
+        LineAnalysis analysis(recording.store(), recording.facts().interfaces[line], line);
+        analysis.endWithLine();
+        analysis.start();
+        reports.line(analysis.finish(progress));
+    }
     reports.end();
     return {};
 }
@@ -82,6 +87,15 @@ int parse(const Options &options)
     return reportEach(options, reports, [&](int i) { return reportParsed(batch.take(std::size_t(i)), reports); });
 }
 
+int analyseLive(const Options &options)
+{
+    Reports reports(options);
+    LiveSession session(options);
+    const QString problem = session.run(reports);
+    const int status = problem.isEmpty() ? 0 : complain(problem);
+    return reports.finish() ? status : complain(QStringLiteral("The report could not be written."));
+}
+
 int run(const QStringList &arguments)
 {
     QString problem;
@@ -92,6 +106,8 @@ int run(const QStringList &arguments)
         return std::fputs(Options::helpText(), stdout) < 0 ? statusNotDone : 0;
     if (options.version)
         return std::puts("canopen-analyze " CANOPENANALYZE_VERSION) < 0 ? statusNotDone : 0;
+    if (!options.live.isEmpty())
+        return analyseLive(options);
     return options.offline ? parse(options) : analyse(options);
 }
 

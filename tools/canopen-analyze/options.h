@@ -7,7 +7,8 @@
 /// What the user asked for.
 struct Options
 {
-    /// At least one, unless something else than an analysis was asked for; at most one is standard input (`-`).
+    /// At least one, unless something else than the analysis of recordings was asked for; at most one is standard input
+    /// (`-`).
     QStringList fileNames;
     /// Names of the interfaces to analyse; empty: every one.
     QStringList lines;
@@ -15,6 +16,8 @@ struct Options
     bool json = false;
     /// The SDO analysis alone.
     bool offline = false;
+    /// The source of frames to be analysed as they come in, as PLUGIN:INTERFACE; empty: recordings are analysed.
+    QString live;
     /// Asked for instead of an analysis.
     bool help = false;
     bool version = false;

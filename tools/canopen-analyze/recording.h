@@ -27,6 +27,8 @@ struct RecordingFacts
     /// How many there are, and how many of them could not be read.
     quint64 pieces = 0;
     quint64 badPieces = 0;
+    /// Of frames that came in live: whose time stamps they have, in words.
+    const char *clock = nullptr;
     /// Time stamps of the first and of the last frame.
     CanTimeStamp first;
     CanTimeStamp last;

@@ -156,7 +156,8 @@ void TextReport::list(const std::string &title, const Findings &findings, Keep k
 void TextReport::head()
 {
     mOutput << coloured(bold, mRecording.name.toStdString()) << ": " << counted(mRecording.frames, "frame") << ", "
-            << counted(mRecording.interfaces.size(), "interface") << ", " << startText(mRecording.first) << '\n';
+            << counted(mRecording.interfaces.size(), "interface") << ", " << startText(mRecording.first);
+    mOutput << (mRecording.clock ? std::string(", ") + mRecording.clock : std::string()) << '\n';
     if (mRecording.badPieces > 0)
         mOutput << coloured(red, counted(mRecording.badPieces, mRecording.piece) + " could not be read") << " (of "
                 << Format::number(qint64(mRecording.pieces)) << ")\n";
@@ -168,9 +169,18 @@ void TextReport::line(const LineFindings &findings)
     rating(findings);
     classes(findings);
     nodes(findings);
-    incidents(findings);
+    incidents(findings, Keep::First);
     blockTransfers(findings);
     accesses(findings);
+}
+
+void TextReport::overview(const LineFindings &findings)
+{
+    lineHead(findings);
+    rating(findings);
+    classes(findings);
+    nodes(findings);
+    incidents(findings, Keep::Latest);
 }
 
 void TextReport::sdoOnly(const LineFindings &findings)
@@ -184,7 +194,7 @@ void TextReport::sdoOnly(const LineFindings &findings)
     if (broken.empty())
         return;
     mOutput << '\n' << coloured(dim, columnTitles()) << '\n';
-    faults(broken);
+    faults(broken, Keep::First);
 }
 
 void TextReport::lineHead(const LineFindings &findings)
@@ -253,21 +263,21 @@ void TextReport::nodes(const LineFindings &findings)
     }
 }
 
-void TextReport::faults(const std::vector<ProtocolFault> &faults)
+void TextReport::faults(const std::vector<ProtocolFault> &faults, Keep keep)
 {
     list(counted(faults.size(), "frame") + (faults.size() == 1 ? " that breaks" : " that break") + " the protocol",
-         faults, Keep::First, rowsShown, [this](const ProtocolFault &fault) { return row(fault); });
+         faults, keep, rowsShown, [this](const ProtocolFault &fault) { return row(fault); });
 }
 
 // What went wrong or was ordered: lists whose rows begin alike, so that one line of titles does for all.
-void TextReport::incidents(const LineFindings &findings)
+void TextReport::incidents(const LineFindings &findings, Keep keep)
 {
     const std::vector<ProtocolFault> broken = withoutHarmless(findings.faults);
     if (broken.empty() && findings.aborts.empty() && findings.openRequests.empty() && findings.emergencies.empty()
         && findings.nmtCommands.isEmpty())
         return;
     mOutput << '\n' << coloured(dim, columnTitles()) << '\n';
-    faults(broken);
+    faults(broken, keep);
     list(counted(findings.aborts.size(), "SDO abort"), findings.aborts, Keep::First, rowsShown,
          [this](const SdoAbort &abort) { return row(abort); });
     list(counted(findings.openRequests.size(), "SDO request") + " without an end", findings.openRequests, Keep::First,

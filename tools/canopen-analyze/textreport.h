@@ -21,6 +21,8 @@ public:
 
     void head();
     void line(const LineFindings &findings);
+    /// How things are while frames still come in: what an overview tells of a line.
+    void overview(const LineFindings &findings);
     /// What the SDO analysis alone found: accesses and faults.
     void sdoOnly(const LineFindings &findings);
 
@@ -34,8 +36,8 @@ private:
     void penalty(const char *what, quint32 count, int weight, quint32 frames);
     void classes(const LineFindings &findings);
     void nodes(const LineFindings &findings);
-    void faults(const std::vector<ProtocolFault> &faults);
-    void incidents(const LineFindings &findings);
+    void faults(const std::vector<ProtocolFault> &faults, Keep keep);
+    void incidents(const LineFindings &findings, Keep keep);
     void blockTransfers(const LineFindings &findings);
     void accesses(const LineFindings &findings);
 
