@@ -168,7 +168,7 @@ void TextReport::line(const LineFindings &findings)
     lineHead(findings);
     rating(findings);
     classes(findings);
-    nodes(findings);
+    nodes(findings, true);
     incidents(findings, Keep::First);
     blockTransfers(findings);
     accesses(findings);
@@ -179,7 +179,7 @@ void TextReport::overview(const LineFindings &findings)
     lineHead(findings);
     rating(findings);
     classes(findings);
-    nodes(findings);
+    nodes(findings, false);
     incidents(findings, Keep::Latest);
 }
 
@@ -243,7 +243,7 @@ void TextReport::classes(const LineFindings &findings)
     mOutput << '\n';
 }
 
-void TextReport::nodes(const LineFindings &findings)
+void TextReport::nodes(const LineFindings &findings, bool withObjects)
 {
     if (findings.nodes.isEmpty())
         return;
@@ -255,11 +255,13 @@ void TextReport::nodes(const LineFindings &findings)
         const std::string devices = node.presumedDevices > 1
                                         ? coloured(red, counted(node.presumedDevices, "device") + '!')
                                         : Format::number(node.presumedDevices);
+        const std::string objects =
+            withObjects ? Format::number(findings.objectsOfNode.value(node.nodeId)) : std::string("-");
         mOutput << right(node.nodeId, 6) << "  0x" << Format::hex(node.nodeId, 2) << "  "
                 << left(hasState ? Words::nmtState(node.state()) : "-", 15)
                 << right(hasState ? time(node.stateChanges.last().since.time) : "-", 12)
-                << right(node.bootUps.size(), 8) << right(node.emergencies.size(), 11)
-                << right(findings.objectsOfNode.value(node.nodeId), 11) << "  " << devices << '\n';
+                << right(node.bootUps.size(), 8) << right(node.emergencies.size(), 11) << right(objects, 11) << "  "
+                << devices << '\n';
     }
 }
 

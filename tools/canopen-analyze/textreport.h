@@ -35,7 +35,7 @@ private:
     void rating(const LineFindings &findings);
     void penalty(const char *what, quint32 count, int weight, quint32 frames);
     void classes(const LineFindings &findings);
-    void nodes(const LineFindings &findings);
+    void nodes(const LineFindings &findings, bool withObjects);
     void faults(const std::vector<ProtocolFault> &faults, Keep keep);
     void incidents(const LineFindings &findings, Keep keep);
     void blockTransfers(const LineFindings &findings);
