@@ -9,16 +9,14 @@
 
 using Frames = QList<CAN::CanRxMessage>;
 
-/// SDO conversations by the thousand, intact and damaged: whatever is fed, what is reported must hold together.
-/// The seeds are fixed, so a failure can be repeated.
+/// SDO conversations by the thousand, of nine nodes at once: every value is found, and nothing else. (What holds for damaged
+/// traffic the fuzz targets check.) The seed is fixed, so a failure can be repeated.
 class TestRandomTraffic : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void intactConversationsAreFoundCompletely();
-    void damagedTraffic_data();
-    void damagedTraffic();
 };
 
 namespace {
@@ -172,7 +170,7 @@ private:
 };
 
 /// Interleaves conversations of nine nodes; each node has one at a time. Frames are 30 ms apart, so no answer repeats another.
-Frames interleave(Conversations &make, int conversations, QStringList *values)
+Frames interleave(Conversations &make, int conversations, QStringList &values)
 {
     QList<Frames> open;
     QStringList openValues;
@@ -192,8 +190,8 @@ Frames interleave(Conversations &make, int conversations, QStringList *values)
         if (open.at(turn).isEmpty()) {
             open.removeAt(turn);
             const QString value = openValues.takeAt(turn);
-            if (values && !value.isEmpty())
-                values->append(value);
+            if (!value.isEmpty())
+                values.append(value);
         }
     }
     return traffic;
@@ -207,44 +205,13 @@ void number(Frames &traffic)
     }
 }
 
-/// Drops, doubles, swaps, truncates frames and flips bits, one frame in \a oneIn.
-Frames damage(const Frames &intact, Conversations &make, quint32 oneIn)
-{
-    Frames damaged;
-    for (CAN::CanRxMessage message : intact) {
-        switch (make.upTo(oneIn * 5 - 1)) {
-        case 0:
-            continue;
-        case 1:
-            damaged.append(message);
-            break;
-        case 2:
-            message.mFrame.mDataLength = quint8(make.upTo(8));
-            std::fill(message.mFrame.mPayload + message.mFrame.mDataLength, std::end(message.mFrame.mPayload),
-                      quint8(0));
-            break;
-        case 3:
-            message.mFrame.mPayload[make.upTo(7)] ^= quint8(1 << make.upTo(7));
-            break;
-        case 4:
-            if (!damaged.isEmpty())
-                std::swap(damaged.last(), message);
-            break;
-        default:
-            break;
-        }
-        damaged.append(message);
-    }
-    return damaged;
-}
-
 } // namespace
 
 void TestRandomTraffic::intactConversationsAreFoundCompletely()
 {
     Conversations make(301);
     QStringList expected;
-    Frames traffic = interleave(make, 15000, &expected);
+    Frames traffic = interleave(make, 15000, expected);
     number(traffic);
     SdoWitness sdo;
     QStringList found;
@@ -256,60 +223,6 @@ void TestRandomTraffic::intactConversationsAreFoundCompletely()
     QVERIFY(traffic.size() > 50000);
     QCOMPARE(found, expected);
     QVERIFY(sdo.handler.protocolErrors().isEmpty());
-}
-
-void TestRandomTraffic::damagedTraffic_data()
-{
-    QTest::addColumn<quint32>("seed");
-    QTest::addColumn<quint32>("oneIn");
-    QTest::newRow("rarely damaged") << 1u << 200u;
-    QTest::newRow("often damaged") << 2u << 20u;
-    QTest::newRow("mostly damaged") << 3u << 3u;
-}
-
-void TestRandomTraffic::damagedTraffic()
-{
-    QFETCH(quint32, seed);
-    QFETCH(quint32, oneIn);
-    Conversations make(seed);
-    Frames traffic = damage(interleave(make, 20000, nullptr), make, oneIn);
-    number(traffic);
-    QVERIFY(traffic.size() > 90000);
-
-    QByteArray outputs[2];
-    for (QByteArray &output : outputs) {
-        SdoWitness sdo;
-        QHash<quint32, int> sentBytes; // by identifier, since the last segmented value that came from there
-        int findings = 0;
-        for (const CAN::CanRxMessage &message : std::as_const(traffic)) {
-            sentBytes[message.mFrame.mIdentifier] += std::max(0, message.mFrame.mDataLength - 1);
-            const QString finding = sdo.feed(message);
-            if (finding.isEmpty())
-                continue;
-            ++findings;
-            output += finding.toUtf8() + '\n';
-            // SdoWitness adds these words when a finding names another frame than the one in hand.
-            QVERIFY2(!finding.contains(QLatin1String("answered")) && !finding.contains(QLatin1String(" of ")),
-                     qPrintable(finding));
-            const QString value = finding.section(QLatin1String(" = "), 1).section(QLatin1String(" asked"), 0, 0);
-            if (!value.contains(QLatin1Char(' ')))
-                continue; // no value of several bytes
-            const quint32 node = message.mFrame.mIdentifier & 0x7F;
-            const quint32 sender = (finding.startsWith(QLatin1String("write")) ? 0x600 : 0x580) + node;
-            QVERIFY2((value.size() + 1) / 3 <= sentBytes.value(sender), qPrintable(finding));
-            sentBytes[sender] = 0;
-        }
-        QVERIFY(findings > 1000);
-        sdo.handler.reset();
-        QVERIFY(sdo.handler.pendingSDOEntryList().isEmpty() && sdo.handler.protocolErrors().isEmpty()
-                && sdo.handler.blockTransfers().isEmpty());
-        for (int node = 1; node <= 9; ++node) {
-            CAN::CanRxMessage orphan = frame("600 60");
-            orphan.mFrame.mIdentifier += quint32(node);
-            QCOMPARE(sdo.feed(orphan), QStringLiteral("error 3, listed"));
-        }
-    }
-    QVERIFY(outputs[0] == outputs[1]);
 }
 
 QTEST_GUILESS_MAIN(TestRandomTraffic)
