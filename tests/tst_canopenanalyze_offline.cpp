@@ -1,30 +1,8 @@
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
+#include "analyzerun.h"
+
 #include <QtTest>
 
 namespace {
-
-struct Run
-{
-    int status = -1;
-    QString out, err;
-    QJsonDocument json() const { return QJsonDocument::fromJson(out.toUtf8()); }
-    QJsonArray lines() const { return json()["interfaces"].toArray(); }
-};
-
-Run analyze(const QStringList &arguments, const QByteArray &input = {})
-{
-    QProcess process;
-    process.setWorkingDirectory(QStringLiteral(RECORDINGS));
-    process.start(QStringLiteral(CANOPEN_ANALYZE), arguments);
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
-        return {};
-    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
-}
 
 // The errors of the whole analysis that the SDO analysis alone lists, too.
 QJsonArray listedOffline(const QJsonArray &errors)

@@ -1,15 +1,13 @@
+#include "analyzerun.h"
+
 #include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QtTest>
 
 #include <cmath>
 
 namespace {
 
-// What an entry says under these keys; numbers are decimal, whatever they were.
+// What an entry of a report says under these keys; numbers are decimal, whatever they were.
 QString said(const QJsonValue &entry, const QString &keys)
 {
     QStringList values;
@@ -78,10 +76,9 @@ void TestRecordings::load(const QString &name)
     QFile truth(RECORDINGS "/" + name + ".json");
     QVERIFY2(truth.open(QIODevice::ReadOnly), qPrintable(truth.fileName()));
     mTruth = QJsonDocument::fromJson(truth.readAll()).object();
-    QProcess process;
-    process.start(CANOPEN_ANALYZE, {"--json", RECORDINGS "/" + name + ".log"});
-    QVERIFY(process.waitForFinished() && process.exitCode() == 0);
-    mReport = QJsonDocument::fromJson(process.readAllStandardOutput()).object();
+    const Run run = analyze({"--json", name + ".log"});
+    QCOMPARE(run.status, 0);
+    mReport = run.json().object();
     mLine = mReport["interfaces"][0];
 }
 
