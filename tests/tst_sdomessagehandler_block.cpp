@@ -99,11 +99,6 @@ void TestBlockInHandler::conversation_data()
         605  23 00 10 00 2A 00 00 00 | segment number 35       => 3d 2000:00 1/127 size 15
         605  A4 00 20 00 7F 00 00 00 | last segment            => 4d 2000:00 2/127 size 15
         605  A4 00 20 00 10 00 00 00 | initiate upload         => 1u 2000:00 2/16 size 15)");
-    QTest::newRow("end cuts off no more than there is") << QByteArray(R"(
-        605  C2 00 20 00 0F 00 00 00                           => 1d 2000:00 0/0 size 15
-        585  A0 00 20 00 7F 00 00 00                           => 3d 2000:00 0/127 size 15
-        605  81 41                                             => 4d 2000:00 1/127 size 15 A
-        605  DD 00 00 00 00 00 00 00 | n = 7                   => 5d 2000:00 1/127 size 15)");
     QTest::newRow("size and CRC support: as the last download had them; an upload leaves both as they were")
         << QByteArray(R"(
         605  C6 00 20 00 0C 00 00 80                           => 1d 2000:00 0/0 size 2147483660 crc 4

@@ -28,10 +28,8 @@ void TestResponders::conversation_data()
     // The traces are fed at once, so a deferred check comes only where they wait for it.
     QTest::addColumn<QByteArray>("trace");
 
-    QTest::newRow("second answer to a read") << read + QByteArray(R"(
-        +9ms 585  43 00 10 00 02 00 00 00 | 12 ms after the request => devices 5 x2 last 3)");
-    QTest::newRow("third answer: counted on") << read + QByteArray(R"(
-        585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3
+    QTest::newRow("second answer to a read, and a third") << read + QByteArray(R"(
+        +9ms 585  43 00 10 00 02 00 00 00 | 12 ms after the request => devices 5 x2 last 3
         585  43 00 10 00 02 00 00 00 => devices 5 x3 last 4)");
     QTest::newRow("just under 21 ms after the request: whole milliseconds count") << read + QByteArray(R"(
         +17.999999ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
@@ -40,11 +38,8 @@ void TestResponders::conversation_data()
         +-10ms 585  43 00 10 00 02 00 00 00 => error 0, listed)");
     QTest::newRow("time runs backwards: a repeat") << read + QByteArray(R"(
         +-10ms 585  43 00 10 00 02 00 00 00 => devices 5 x2 last 3)");
-    QTest::newRow("second answer to a write: the first repeat of a node without a count gives 1") << QByteArray(R"(
-        605  23 00 10 00 2A 00 00 00
-        585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 42 asked 0ms
-        +9ms 585  60 00 10 00 00 00 00 00 => devices 5 x1 last 3)");
-    QTest::newRow("writes answered twice raise the count again and again") << QByteArray(R"(
+    QTest::newRow("writes answered twice: the first repeat of a node without a count gives 1, and on it goes")
+        << QByteArray(R"(
         605  23 00 10 00 2A 00 00 00
         585  60 00 10 00 00 00 00 00 => write 5 1000:00 = 42 asked 0ms
         585  60 00 10 00 00 00 00 00 => devices 5 x1 last 3
