@@ -80,9 +80,7 @@ foreach(component runtime development tool)
     canopenanalysis_install_compressed(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog ${doc_dir} ${component})
 endforeach()
 
-set(manual ${PROJECT_SOURCE_DIR}/tools/canopen-analyze/canopen-analyze.1)
-if(EXISTS ${manual})
-    canopenanalysis_install_compressed(${manual} canopen-analyze.1 ${CMAKE_INSTALL_MANDIR}/man1 tool)
-endif()
+canopenanalysis_install_compressed(${PROJECT_SOURCE_DIR}/tools/canopen-analyze/canopen-analyze.1 canopen-analyze.1
+    ${CMAKE_INSTALL_MANDIR}/man1 tool)
 
 include(CPack)

@@ -50,7 +50,7 @@ if(CANOPENANALYSIS_BUILD_TOOLS)
     install(TARGETS canopen-analyze RUNTIME COMPONENT tool)
     if(NOT CANOPENANALYSIS_DEBIAN_PACKAGES) # they hold it compressed
         install(FILES ${PROJECT_SOURCE_DIR}/tools/canopen-analyze/canopen-analyze.1
-            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool OPTIONAL)
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
     endif()
 endif()
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
