@@ -8,19 +8,18 @@
 
 #include <functional>
 #include <mutex>
+#include <utility>
 
-/// A network model that notes each call in words (see the .cpp) and can act within one.
+/// A network model that notes each call in words and can act within one.
 class RecordingNetwork : public CANopenNetwork
 {
     Q_OBJECT
 
 public:
-    explicit RecordingNetwork(int networkId = 0) : mNetworkId(networkId) {}
-
     /// The calls since the last time, without addCANMessage(). From any thread.
-    QStringList takeCalls();
+    QStringList takeCalls() { return take(mCalls); }
     /// Message numbers given to addCANMessage() since the last time, in order. From any thread.
-    QList<quint32> takeFrames();
+    QList<quint32> takeFrames() { return take(mFrames); }
 
     /// Runs within each call, after it was noted and with no lock held; "frame 3" stands for addCANMessage().
     /// Set before the analysis starts.
@@ -29,14 +28,17 @@ public:
     QMap<CANopen::MessageType, unsigned int> distribution;
     QList<QPointer<GenericCANDevice>> devices;
 
-    int networkID() const override { return mNetworkId; }
+    int networkID() const override { return 0x103; } // line 3
     QList<QPointer<GenericCANDevice>> getDeviceList() override { return devices; }
     void reset() override { note(QStringLiteral("reset")); }
     void addCANMessage(const CAN::CanRxMessage &msg) override;
     void addPDOCanMessage(const CAN::CanRxMessage &msg) override;
-    void addSYNC(unsigned int msgNumber) override;
+    void addSYNC(unsigned int msgNumber) override { note(QStringLiteral("sync by %1").arg(msgNumber)); }
     void addEMCYMsg(signed char node, CAN::CanRxMessage msg) override;
-    void addNode(signed char node, const QString &name) override;
+    void addNode(signed char node, const QString &name) override
+    {
+        note(QStringLiteral("node %1%2").arg(node).arg(name));
+    }
     void addNodeState(unsigned int node, CANopen::CANopenNMTEvent event, const CAN::CanRxMessage &msg) override;
     void addNMTRequest(unsigned int node, NmtCommands command, CanTimeStamp time, unsigned int msgNumber) override;
     void addNewSubIndexValue(unsigned char node, unsigned short index, unsigned char subindex, QVariant value,
@@ -46,8 +48,13 @@ public:
 
 private:
     void note(const QString &call);
+    template<typename List>
+    List take(List &list)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return std::exchange(list, List());
+    }
 
-    const int mNetworkId;
     std::mutex mMutex;
     QStringList mCalls;     // under mMutex
     QList<quint32> mFrames; // under mMutex

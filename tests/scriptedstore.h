@@ -12,41 +12,29 @@ class ScriptedStore : public InMemoryDatachunkHandler
     Q_OBJECT
 
 public:
+    /// The line of RecordingNetwork.
+    static constexpr unsigned char line = 3;
+
     /// Runs after each fetch, with its answer, before the loop gets it. Set before the analysis starts.
     std::function<void(bool found, unsigned int position)> afterFetch;
-    /// Runs when the frames not yet analysed were read out, before a clear.
-    std::function<void()> afterRescue;
 
-    bool getMessageOfLine(CAN::CanRxMessage &msg, unsigned char line, unsigned int &position) override
+    bool getMessageOfLine(CAN::CanRxMessage &msg, unsigned char fetched, unsigned int &position) override
     {
-        const bool found = InMemoryDatachunkHandler::getMessageOfLine(msg, line, position);
+        const bool found = InMemoryDatachunkHandler::getMessageOfLine(msg, fetched, position);
         if (afterFetch)
             afterFetch(found, position);
         return found;
     }
 
-    QList<CAN::CanRxMessage> getMessagesOfLine(unsigned char line, unsigned int position) override
+    /// Appends the frames of a trace, \a count times over; the store gives them its own numbers.
+    void appendTrace(const QByteArray &trace, int count = 1, unsigned char toLine = line)
     {
-        const QList<CAN::CanRxMessage> rest = InMemoryDatachunkHandler::getMessagesOfLine(line, position);
-        if (afterRescue)
-            afterRescue();
-        return rest;
+        const QList<CAN::CanRxMessage> messages = frames(trace);
+        for (int i = 0; i < count * messages.size(); ++i)
+            append(toLine, messages.at(i % messages.size()).mFrame, messages.at(i % messages.size()).mTimeStamp);
     }
 
-    /// Appends the frames of a trace to line 0; the store gives them its own numbers.
-    void appendTrace(const QByteArray &trace)
-    {
-        for (const CAN::CanRxMessage &message : frames(trace))
-            append(0, message.mFrame, message.mTimeStamp);
-    }
-
-    /// Appends \a count process data frames to line 0.
-    void appendPdos(int count)
-    {
-        const CAN::CanMessage pdo = frame("185 01 02").mFrame;
-        for (int i = 0; i < count; ++i)
-            append(0, pdo, CanTimeStamp());
-    }
+    void appendPdos(int count) { appendTrace("185 01 02", count); }
 };
 
 /// The numbers from \a first to \a last.

@@ -1,9 +1,6 @@
 #include "parser/sdoparserworker.h"
 
-#include "inmemory/inmemorycanopennetwork.h"
-#include "network/canopennetworkanalyzer.h"
 #include "scriptedstore.h"
-#include "tools/canopen-analyze/recording.h"
 
 #include <QLoggingCategory>
 #include <QtTest>
@@ -17,19 +14,13 @@ class TestParser : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false")); }
+    void initTestCase() { QLoggingCategory::setFilterRules("default.debug=false"); }
 
-    void lines_data();
-    void lines();
-    void resultsAreEmptyDuringARunAndReplacedAtItsEnd();
-    void nothingToParse_data();
-    void nothingToParse();
+    void runs_data();
+    void runs();
     void destroyedInTheSlotOfFinished_data();
     void destroyedInTheSlotOfFinished();
-    void runAgainInTheSlotOfFinished();
     void storeIsFilledMeanwhile();
-    void agreesWithTheNetworkAnalysis_data();
-    void agreesWithTheNetworkAnalysis();
 };
 
 /// How often a parser is destroyed in its slot; a hundred thousand takes seconds, and minutes with a sanitizer.
@@ -40,105 +31,67 @@ static int repetitions()
     return ok ? wanted : 1000;
 }
 
-static void append(ScriptedStore &store, unsigned char line, const QByteArray &trace)
-{
-    for (const CAN::CanRxMessage &message : frames(trace))
-        store.append(line, message.mFrame, message.mTimeStamp);
-}
-
 /// "node index:subindex number of values", ascending, and what was listed.
 static QString describe(SDOParserWorker &parser)
 {
     QStringList found;
     const auto result = parser.getResultList();
     for (const SDO::SDOEntry &entry : result)
-        found.append(QStringLiteral("%1 %2:%3 x%4")
-                         .arg(entry.node)
-                         .arg(entry.index, 4, 16)
-                         .arg(entry.subindex)
-                         .arg(entry.values.size()));
+        found += QString::asprintf("%u %x:%u x%d", entry.node, entry.index, entry.subindex, entry.values.size());
     found.sort();
     for (const unsigned int number : parser.sdoProtocolErrors())
-        found.append(QStringLiteral("listed %1").arg(number));
-    return found.join(QStringLiteral(", "));
+        found += QStringLiteral("listed %1").arg(number);
+    return found.join(", ");
 }
 
-void TestParser::lines_data()
-{
-    QTest::addColumn<int>("line");
-    QTest::addColumn<QString>("found");
-    // Node 6 is asked on line 1 and answers on line 2: all lines together are one conversation.
-    QTest::newRow("all lines, as constructed") << -1 << "5 1000:0 x2, 6 1000:0 x1";
-    QTest::newRow("all lines") << 255 << "5 1000:0 x2, 6 1000:0 x1";
-    QTest::newRow("line 1") << 1 << "5 1000:0 x1";
-    QTest::newRow("line 2") << 2 << "5 1000:0 x1, listed 6";
-    QTest::newRow("a line without frames") << 3 << "";
-}
-
-void TestParser::lines()
-{
-    QFETCH(int, line);
-    QFETCH(QString, found);
-    ScriptedStore store;
-    append(store, 1, "605 40 00 10 00\n585 43 00 10 00 2A\n606 40 00 10 00");
-    append(store, 2, "605 23 00 10 00 2A\n585 60 00 10 00\n586 43 00 10 00 2A");
-    SDOParserWorker parser(nullptr);
-    parser.setDatachunkHandler(&store);
-    if (line >= 0)
-        parser.setNetworkLine(static_cast<unsigned char>(line));
-    parser.doWork();
-    QCOMPARE(describe(parser), found);
-}
-
-void TestParser::resultsAreEmptyDuringARunAndReplacedAtItsEnd()
-{
-    ScriptedStore store;
-    store.appendTrace("605 40 00 10 00\n585 43 00 10 00 2A\n585 60 00 20 00");
-    SDOParserWorker parser(nullptr);
-    parser.setDatachunkHandler(&store);
-    parser.setNodeIdList({99}); // restricts nothing
-    QStringList runs;
-    connect(
-        &parser, &SDOParserWorker::finished, &parser, [&] { runs << describe(parser); }, Qt::DirectConnection);
-    parser.doWork();
-    parser.doWork(); // from the start again
-    store.appendTrace("605 40 00 10 00\n585 43 00 10 00 2B");
-    parser.setNetworkLine(0);
-    parser.doWork();
-    parser.doWork();
-    QCOMPARE(runs, (QStringList{"5 1000:0 x1, listed 3", "5 1000:0 x1, listed 3", "5 1000:0 x2, listed 3",
-                                "5 1000:0 x2, listed 3"}));
-}
-
-void TestParser::nothingToParse_data()
+void TestParser::runs_data()
 {
     QTest::addColumn<bool>("withStore");
     QTest::addColumn<int>("line");
-    QTest::newRow("no store, all lines") << false << 255;
-    QTest::newRow("no store, one line") << false << 3;
-    QTest::newRow("empty store, all lines") << true << 255;
-    QTest::newRow("empty store, one line") << true << 3;
+    QTest::addColumn<QString>("found");
+    // Node 6 is asked on line 1 and answers on line 2: all lines together are one conversation.
+    QTest::newRow("all lines, as constructed") << true << -1 << "5 1000:0 x2, 6 1000:0 x1";
+    QTest::newRow("all lines") << true << 255 << "5 1000:0 x2, 6 1000:0 x1";
+    QTest::newRow("line 1") << true << 1 << "5 1000:0 x1";
+    QTest::newRow("line 2") << true << 2 << "5 1000:0 x1, listed 6";
+    QTest::newRow("a line without frames") << true << 4 << "";
+    QTest::newRow("no store, all lines") << false << 255 << "";
+    QTest::newRow("no store, one line") << false << 3 << "";
 }
 
-void TestParser::nothingToParse()
+void TestParser::runs()
 {
     QFETCH(bool, withStore);
     QFETCH(int, line);
-    ScriptedStore store;
+    QFETCH(QString, found);
     SDOParserWorker parser(nullptr);
-    store.appendTrace("585 60 00 20 00");
-    parser.setDatachunkHandler(&store);
+    parser.setNodeIdList({99}); // restricts nothing
+    ScriptedStore before;
+    before.appendTrace("585 60 00 20 00");
+    parser.setDatachunkHandler(&before);
     parser.doWork();
-    QCOMPARE(describe(parser), QStringLiteral("listed 1"));
+    QCOMPARE(describe(parser), QString("listed 1"));
 
-    store.clear();
+    ScriptedStore store;
+    store.appendTrace("605 40 00 10 00\n585 43 00 10 00 2A\n606 40 00 10 00", 1, 1);
+    store.appendTrace("605 23 00 10 00 2A\n585 60 00 10 00\n586 43 00 10 00 2A", 1, 2);
     parser.setDatachunkHandler(withStore ? &store : nullptr);
-    parser.setNetworkLine(static_cast<unsigned char>(line));
-    QList<int> finished;
-    connect(&parser, &SDOParserWorker::finished, this, [&](unsigned char parsed) { finished << parsed; });
-    parser.startAnalysing(); // finished comes queued, from the thread of the run
-    QTRY_COMPARE(finished, QList<int>{line});
-    QCOMPARE(describe(parser), QString());
+    if (line >= 0)
+        parser.setNetworkLine(static_cast<unsigned char>(line));
+    QStringList runs;
+    const auto note = [&] {
+        runs += describe(parser);
+        if (runs.size() == 1)
+            parser.doWork(); // from the start again
+    };
+    connect(&parser, &SDOParserWorker::finished, &parser, note, Qt::DirectConnection);
+    parser.doWork();
+    QList<int> lines; // queued, from the thread of the run
+    connect(&parser, &SDOParserWorker::finished, this, [&](unsigned char parsed) { lines += parsed; });
+    parser.startAnalysing();
+    QTRY_COMPARE(lines, QList<int>{line < 0 ? 255 : line});
+    QCOMPARE(describe(parser), found); // and with that, that the run is over
+    QCOMPARE(runs, (QStringList{found, found, found}));
 }
 
 void TestParser::destroyedInTheSlotOfFinished_data()
@@ -157,13 +110,9 @@ void TestParser::destroyedInTheSlotOfFinished()
     for (int i = 1; i <= repetitions(); ++i) {
         auto *const parser = new SDOParserWorker(nullptr);
         parser->setDatachunkHandler(&store);
-        connect(
-            parser, &SDOParserWorker::finished, this,
-            [&destroyed, parser] {
-                delete parser;
-                ++destroyed;
-            },
-            direct ? Qt::DirectConnection : Qt::QueuedConnection);
+        const auto destroy = [&destroyed, parser] { delete parser, ++destroyed; };
+        const auto type = direct ? Qt::DirectConnection : Qt::QueuedConnection;
+        connect(parser, &SDOParserWorker::finished, this, destroy, type);
         parser->startAnalysing();
         while (destroyed < i) {
             QCoreApplication::processEvents();
@@ -173,100 +122,32 @@ void TestParser::destroyedInTheSlotOfFinished()
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); // the thread objects
 }
 
-void TestParser::runAgainInTheSlotOfFinished()
-{
-    ScriptedStore store;
-    store.appendTrace("605 40 00 10 00\n585 43 00 10 00 2A");
-    SDOParserWorker parser(nullptr);
-    parser.setDatachunkHandler(&store);
-    int runs = 0;
-    connect(
-        &parser, &SDOParserWorker::finished, this,
-        [&] {
-            if (++runs < 3)
-                parser.doWork();
-        },
-        Qt::DirectConnection);
-    parser.doWork();
-    QCOMPARE(runs, 3);
-    QCOMPARE(describe(parser), QStringLiteral("5 1000:0 x1"));
-}
-
 void TestParser::storeIsFilledMeanwhile()
 {
     ScriptedStore store;
     SDOParserWorker parser(nullptr);
     parser.setDatachunkHandler(&store);
+    int finished = 0;
+    connect(&parser, &SDOParserWorker::finished, this, [&] { ++finished; });
     std::atomic<bool> done{false};
     std::thread appender([&] {
-        for (int i = 0; i < 20000; ++i)
-            store.appendTrace("605 40 00 10 00\n585 43 00 10 00 2A");
+        store.appendTrace("605 40 00 10 00\n585 43 00 10 00 2A", 20000);
         done = true;
     });
-    int runs = 0;
     int values = 0;
-    while (!done || values < 20000) {
-        int finished = 0;
-        parser.setNetworkLine(runs % 2 == 0 ? 255 : 0);
-        const auto connection = connect(&parser, &SDOParserWorker::finished, this, [&] { ++finished; });
+    bool isLast = false;
+    for (int run = 1; !isLast; ++run) {
+        isLast = done;
+        parser.setNetworkLine(run % 2 == 0 ? SDOParserWorker::allLines : ScriptedStore::line);
         parser.startAnalysing();
-        QTRY_COMPARE(finished, 1);
-        disconnect(connection);
+        QTRY_COMPARE(finished, run);
         const int now = parser.getResultList().value(SDO::SDOEntryKey(5, 0x1000, 0)).values.size();
         QVERIFY(now >= values);
         values = now;
-        ++runs;
     }
     appender.join();
     QCOMPARE(values, 20000);
     QVERIFY(parser.sdoProtocolErrors().isEmpty());
-}
-
-void TestParser::agreesWithTheNetworkAnalysis_data()
-{
-    QTest::addColumn<QString>("file");
-    for (const char *name : {"mixed", "block-transfer", "duplicate-node", "guarding-and-states"})
-        QTest::newRow(name) << QStringLiteral(RECORDINGS "/%1.log").arg(QLatin1String(name));
-}
-
-void TestParser::agreesWithTheNetworkAnalysis()
-{
-    QFETCH(QString, file);
-    Progress progress;
-    Recording recording(progress);
-    QCOMPARE(recording.load(file), QString());
-    InMemoryDatachunkHandler &store = recording.store();
-
-    InMemoryCANopenNetwork network(0);
-    std::atomic<bool> ended{false};
-    QList<unsigned int> listed;
-    {
-        CANopenNetworkAnalyzer analyzer(&network, &store);
-        const auto end = [&] {
-            analyzer.stop();
-            ended = true;
-        };
-        connect(&store, &InMemoryDatachunkHandler::endOfLineReached, &analyzer, end, Qt::DirectConnection);
-        analyzer.setAnalyzing(true);
-        QTRY_VERIFY(ended);
-        listed = analyzer.protocolErrors();
-    }
-
-    SDOParserWorker parser(nullptr);
-    parser.setDatachunkHandler(&store);
-    parser.setNetworkLine(0);
-    parser.doWork();
-    const auto parsed = parser.getResultList();
-    const auto reported = network.objectValues();
-    QVERIFY(!reported.isEmpty());
-    QCOMPARE(parsed.size(), reported.size());
-    for (const SDO::SDOEntry &entry : parsed) {
-        QVector<SDO::SDOEntryValue> values = entry.values.toVector();
-        for (SDO::SDOEntryValue &value : values)
-            value.reqMsgNumber = 0; // the network analysis is not told it
-        QVERIFY(values == reported.value(entry));
-    }
-    QCOMPARE(parser.sdoProtocolErrors(), listed);
 }
 
 QTEST_GUILESS_MAIN(TestParser)
