@@ -155,6 +155,7 @@ private:
     }
     void read(Random &random)
     {
+        idle(random); // with copies looked at, and no lock entered since
         const Line &line = mStore.lines[upTo(random, lineCount - 1)];
         const qint16 rating = line.analyzer->calculateRating();
         if (rating < 0 || rating > 100 || line.analyzer->ratingCounts().size() > 3)
@@ -163,6 +164,9 @@ private:
         line.nodes(), line.objectValues(), line.traffic();
         if (qEnvironmentVariableIsSet("CANOPENANALYSIS_STRESS_RACE")) // for the thread sanitizer to find
             mPlanted = line.ledger.readWithoutTheLock();
+        const auto classes = line.analyzer->messageTypeDistribution();
+        if (std::count(classes.cbegin(), classes.cend(), 0u) > 0)
+            qFatal("a class without frames");
     }
     template<typename Act>
     void besideNoClear(const Act &act)
