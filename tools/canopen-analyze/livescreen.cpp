@@ -33,7 +33,7 @@ void LiveScreen::show(std::string_view text)
     for (int row = 1; row < rowsOfTerminal() && !text.empty(); ++row) {
         const std::size_t length = text.find('\n');
         shown.append(text.substr(0, length)).append(lineEnd);
-        text.remove_prefix(length == text.npos ? text.size() : length + 1);
+        text.remove_prefix(length == std::string_view::npos ? text.size() : length + 1);
     }
     shown += end;
     std::fwrite(shown.data(), 1, shown.size(), stderr);
