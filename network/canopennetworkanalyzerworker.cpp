@@ -2,8 +2,8 @@
 
 #include "sdo/sdomessagehandler.h"
 #include "support/canopendevice.h"
-#include "support/cohelper.h"
 #include "support/guestlock_p.h"
+#include "support/messageclass_p.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -139,7 +139,7 @@ void CANopenNetworkAnalyzerWorker::endForGood()
 //  one pass:  guests │ paused? sleep, events, again │ rescued frames │ fetch ─┬─ frame: (every 5000th: events) analyse
 //                                                                            └─ none: idle (events, sleep, pause)
 //  Guests and events come in at these points only; a clear, a reset or a reanalysis therefore finds whole frames.
-bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffer)
+Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffer)
 {
     // Guests first: one that pauses the analysis and then resets it must find it empty afterwards.
     mLock->admitGuests();
@@ -167,7 +167,7 @@ bool CANopenNetworkAnalyzerWorker::sleepWhilePaused()
     return serveEvents(pauseSleepMs, 0) && mRunning;
 }
 
-bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame)
+Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame)
 {
     const quint32 restarts = mRestarts;
     if (mLinePosition % framesPerEventPoint == 0 && !serveEvents(0, 0))
@@ -227,13 +227,13 @@ bool CANopenNetworkAnalyzerWorker::handleRescuedFrames()
     return mRunning;
 }
 
-void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network)
+Q_ALWAYS_INLINE void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network)
 {
     const quint32 restarts = mRestarts;
     if (network)
         network->addCANMessage(frame);
     if (restarts == mRestarts)
-        handleMessage(frame);
+        classify(frame);
 }
 
 // ---- commands ----------------------------------------------------------------------------------------------------------
@@ -334,13 +334,27 @@ void CANopenNetworkAnalyzerWorker::onDatachunkCleared(bool isLive)
 
 void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
 {
+    classify(frame);
+}
+
+// Process data are most of the traffic, and are through here.
+Q_ALWAYS_INLINE void CANopenNetworkAnalyzerWorker::classify(const CAN::CanRxMessage &frame)
+{
     bool isAbort = false;
-    const MessageType classified = COHelper::getMessageType(frame.mFrame, isAbort);
+    const MessageType classified = MessageClass::of(frame.mFrame, isAbort);
     const MessageType type = isAbort ? SDO_ABORT : classified;
     CANopenNetwork *const network = mNetwork;
     if (network && mMessageTypeDistribution)
         ++(*mMessageTypeDistribution)[type];
 
+    if (type != PDO)
+        dispatch(frame, type);
+    else if (network)
+        network->addPDOCanMessage(frame);
+}
+
+void CANopenNetworkAnalyzerWorker::dispatch(const CAN::CanRxMessage &frame, CANopen::MessageType type)
+{
     switch (type) {
     case SDO_REQ:
         handToSdoHandler(frame);
@@ -352,12 +366,8 @@ void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
             ++mRatingCounts[RMT_SdoAbort];
         return;
     case SYNC:
-        if (network)
-            network->addSYNC(frame.mMessageNumber);
-        return;
-    case PDO:
-        if (network)
-            network->addPDOCanMessage(frame);
+        if (mNetwork)
+            mNetwork->addSYNC(frame.mMessageNumber);
         return;
     case NMT:
         return handleNmtCommand(frame);

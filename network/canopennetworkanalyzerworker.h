@@ -107,17 +107,21 @@ private Q_SLOTS:
     void onDatachunkClearStart();
 
 private:
-    // The passes of the loop. Each returns whether the loop goes on.
-    bool pass(CAN::CanRxMessage &buffer);
+    // The road of one frame, compiled into one function. The boolean ones tell whether the loop goes on.
+    Q_DECL_HIDDEN bool pass(CAN::CanRxMessage &buffer);
+    Q_DECL_HIDDEN bool analyzeFetched(const CAN::CanRxMessage &frame);
+    Q_DECL_HIDDEN void analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network);
+    Q_DECL_HIDDEN void classify(const CAN::CanRxMessage &frame);
+
+    // Off the road
     bool sleepWhilePaused();
-    bool analyzeFetched(const CAN::CanRxMessage &frame);
     bool idle(quint32 pauseState, bool wasLive);
     bool handleRescuedFrames();
     bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
 
     void rescueUnreadFrames();
     void endForGood();
-    void analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network);
+    void dispatch(const CAN::CanRxMessage &frame, CANopen::MessageType type);
     void handleSdoResponse(const CAN::CanRxMessage &frame);
     void handleEmergency(const CAN::CanRxMessage &frame);
     void handleNmtCommand(const CAN::CanRxMessage &frame);

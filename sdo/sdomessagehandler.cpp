@@ -6,8 +6,8 @@
 #include "sdo/bytebudget_p.h"
 #include "sdo/sdohelper.h"
 #include "sdo/sdonodeid_p.h"
-#include "support/cohelper.h"
 #include "support/guestlock_p.h"
+#include "support/messageclass_p.h"
 
 #include <QDebug>
 
@@ -111,7 +111,7 @@ void SDOMessageHandler::reset()
 void SDOMessageHandler::handleCANMessage(const CAN::CanRxMessage &msg)
 {
     bool isAbort = false;
-    const MessageType type = COHelper::getMessageType(msg.mFrame, isAbort);
+    const MessageType type = MessageClass::of(msg.mFrame, isAbort);
     if (isAbort)
         handleAbortMessage(msg, type);
     else if (type == SDO_REQ)

@@ -41,8 +41,7 @@ public:
         // mServing changes at the end of a turn only, and it is the loop's; who draws a ticket just now is seen a frame later.
         if (mTickets.load(std::memory_order_relaxed) == mServing + 1)
             return;
-        endTurn();
-        takeTurn();
+        letGuestsIn();
     }
 
     // ---- the guests' side: any thread ------------------------------------------------------------------------------
@@ -64,6 +63,12 @@ public:
     }
 
 private:
+    Q_NEVER_INLINE void letGuestsIn()
+    {
+        endTurn();
+        takeTurn();
+    }
+
     void takeTurn()
     {
         std::unique_lock<std::mutex> lock(mMutex);
