@@ -69,17 +69,6 @@ private:
     }
 };
 
-inline bool sameBlocks(const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &a,
-                       const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &b)
-{
-    return std::equal(a.keyValueBegin(), a.keyValueEnd(), b.keyValueBegin(), b.keyValueEnd(),
-                      [](const auto &left, const auto &right) {
-                          return left.first == right.first && left.second.mState == right.second.mState
-                                 && left.second.mIndex == right.second.mIndex && left.second.mData == right.second.mData
-                                 && left.second.mSequence == right.second.mSequence;
-                      });
-}
-
 /// An analysis (worker or analyzer) of the frames that its model has seen: each is counted once, and its SDO part is what a
 /// handler finds that is fed with these frames alone.
 template<typename Analysis>

@@ -13,7 +13,7 @@ using namespace CANopen;
 
 namespace {
 
-constexpr qint64 collectedBytesLimit = 4096;
+constexpr qint64 collectedBytesLimit = 512; // in reach of an input
 
 quint32 valueField(const CAN::CanMessage &frame)
 {
@@ -275,15 +275,18 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     Pass *current = nullptr;
     ObservedSdoHandler observed([&current](const SdoFinding &finding) { current->onFinding(finding); });
     std::vector<SdoFinding> firstFindings;
+    QMap<unsigned char, SDODef::SDOBlockTransfer> firstBlocks;
     for (const bool again : {false, true}) {
         Pass pass(observed);
         current = &pass;
         for (const FuzzStep &step : steps)
             pass.take(step);
         pass.checkTables();
-        observed.handler.reset();
         FUZZ_REQUIRE(!again || pass.findings == firstFindings);
+        FUZZ_REQUIRE(!again || sameBlocks(observed.handler.blockTransfers(), firstBlocks));
         firstFindings = pass.findings;
+        firstBlocks = observed.handler.blockTransfers();
+        observed.handler.reset();
     }
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include "sdo/sdomessagehandler.h"
 
+#include <algorithm>
 #include <functional>
 #include <vector>
 
@@ -26,6 +27,17 @@ inline SdoFinding valueFinding(quint8 node, quint16 index, quint8 subindex, cons
                                double respTime, quint32 msgNumber, bool wasSDOWrite)
 {
     return {SdoFinding::Value, {node, index, subindex}, {value, reqTime, respTime, msgNumber, 0, wasSDOWrite}, 0};
+}
+
+inline bool sameBlocks(const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &a,
+                       const QMap<unsigned char, CANopen::SDODef::SDOBlockTransfer> &b)
+{
+    return std::equal(a.keyValueBegin(), a.keyValueEnd(), b.keyValueBegin(), b.keyValueEnd(),
+                      [](const auto &left, const auto &right) {
+                          return left.first == right.first && left.second.mState == right.second.mState
+                                 && left.second.mIndex == right.second.mIndex && left.second.mData == right.second.mData
+                                 && left.second.mSequence == right.second.mSequence;
+                      });
 }
 
 /// A handler without deferred checks, whose findings go to \a found from within each emission.
