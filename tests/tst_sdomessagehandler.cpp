@@ -225,10 +225,10 @@ void TestSDOMessageHandler::slotsMayReadTheHandler()
 
 void TestSDOMessageHandler::errorTypeIsKnownByName()
 {
-    // As a host connects that waits for the signals in another thread, by their spelling.
+    // As a host connects that waits for the signals in another thread, by their spelling. (The spy would register the type.)
     SDOMessageHandler handler(nullptr, nullptr);
-    QSignalSpy spy(&handler, SIGNAL(sigProtocolError(unsigned int, CANopen::SdoProtocolErrorType)));
     QVERIFY(QMetaType::type("CANopen::SdoProtocolErrorType") != QMetaType::UnknownType);
+    QSignalSpy spy(&handler, SIGNAL(sigProtocolError(unsigned int, CANopen::SdoProtocolErrorType)));
     handler.handleCANMessage(frame("605 00"));
     QCOMPARE(spy.constFirst().at(1).value<CANopen::SdoProtocolErrorType>(), CANopen::PE_NoTransfer);
 }
