@@ -77,7 +77,8 @@ void checkAnalysis(const NetworkProbe &network, const Analysis &analysis)
     using Worker = CANopenNetworkAnalyzerWorker;
     std::vector<SdoFinding> values;
     uint errors = 0;
-    ObservedSdoHandler alone([&](const SdoFinding &finding) {
+    ObservedSdoHandler alone;
+    alone.report([&](const SdoFinding &finding) {
         if (finding.kind == SdoFinding::Value)
             values.push_back(finding);
         errors += finding.kind == SdoFinding::Error ? 1 : 0;

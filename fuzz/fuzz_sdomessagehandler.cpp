@@ -8,6 +8,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <memory>
 
 using namespace CANopen;
 
@@ -31,15 +32,17 @@ SDO::SDOEntryKey objectOf(const CAN::CanMessage &frame)
 class Pass
 {
 public:
-    explicit Pass(ObservedSdoHandler &observed) : mHandler(observed.handler)
+    /// \a renews: a fresh handler takes the place of each one that is reset.
+    Pass(std::unique_ptr<ObservedSdoHandler> &observed, bool renews) : mObserved(observed), mRenews(renews)
     {
-        mHandler.setCollectedBytesLimit(collectedBytesLimit);
-        mHandler.setKeepFinishedTransfers(true);
+        renews ? renew() : setUp();
     }
 
     void take(const FuzzStep &step);
     void onFinding(const SdoFinding &finding);
     void checkTables() const;
+    void setUp();
+    void renew();
 
     std::vector<SdoFinding> findings;
 
@@ -64,7 +67,8 @@ private:
 
     void feed(const CAN::CanMessage &frame);
     void act(const FuzzStep &step);
-    void reset();
+    void reset(bool inSlot);
+    SDOMessageHandler &handler() const { return mObserved->handler; }
     bool isBlockSegment() const;
     void noteSender();
     void noteRequest();
@@ -72,7 +76,8 @@ private:
     void checkSegmented(const SdoFinding &finding, const QByteArray &bytes) const;
     void checkListed();
 
-    SDOMessageHandler &mHandler;
+    std::unique_ptr<ObservedSdoHandler> &mObserved; // takes findings to its present pass
+    const bool mRenews;
     Traffic mTraffic;
     CAN::CanRxMessage mInHand;
     qint64 mNSecs = 0;
@@ -97,17 +102,17 @@ void Pass::act(const FuzzStep &step)
 {
     switch (step.action % 6) {
     case 0:
-        return reset();
+        return reset(false);
     case 1:
         mResetInSlot = true;
         return;
     case 2:
         mLimit = qint64(step.number & 0xFFFF);
         mTraffic.limit = std::max(mTraffic.limit, mLimit);
-        return mHandler.setCollectedBytesLimit(mLimit);
+        return handler().setCollectedBytesLimit(mLimit);
     case 3:
         mKeep = !mKeep;
-        return mHandler.setKeepFinishedTransfers(mKeep);
+        return handler().setKeepFinishedTransfers(mKeep);
     case 4:
         mNSecs = qint64(step.number);
         return;
@@ -116,12 +121,27 @@ void Pass::act(const FuzzStep &step)
     }
 }
 
-void Pass::reset()
+void Pass::setUp()
 {
-    mHandler.reset();
+    handler().setCollectedBytesLimit(mLimit);
+    handler().setKeepFinishedTransfers(mKeep);
+    mObserved->report([this](const SdoFinding &finding) { onFinding(finding); });
+}
+
+void Pass::renew()
+{
+    mObserved = std::make_unique<ObservedSdoHandler>();
+    setUp();
+}
+
+void Pass::reset(bool inSlot)
+{
     mTraffic = Traffic();
     mTraffic.limit = mLimit;
     mWasReset = true;
+    if (mRenews && inSlot)
+        return; // feed() renews it, once it is done with the frame
+    mRenews ? renew() : handler().reset();
     checkTables();
 }
 
@@ -136,7 +156,9 @@ void Pass::feed(const CAN::CanMessage &frame)
     mTraffic.times.insert(mInHand.mTimeStamp.toDouble());
     if (!isSegment)
         noteSender();
-    mHandler.handleCANMessage(mInHand);
+    handler().handleCANMessage(mInHand);
+    if (mWasReset && mRenews)
+        renew();
     if (mWasReset)
         return checkTables(); // nothing of the frame may be left
     if (!isSegment)
@@ -149,7 +171,7 @@ bool Pass::isBlockSegment() const
 {
     bool isAbort = false;
     const MessageType type = COHelper::getMessageType(mInHand.mFrame, isAbort);
-    const auto block = mHandler.blockTransfers().value(objectOf(mInHand.mFrame).node);
+    const auto block = handler().blockTransfers().value(objectOf(mInHand.mFrame).node);
     return !isAbort && block.mState == 3 && (type == SDO_REQ || type == SDO_RES)
            && (type == SDO_REQ) == (block.mDirection == 1);
 }
@@ -198,10 +220,10 @@ void Pass::onFinding(const SdoFinding &finding)
         mTraffic.devices[finding.object.node] = finding.detail;
     }
     // A slot may take copies, which later changes must not touch.
-    FUZZ_REQUIRE(mHandler.protocolErrors().size() <= mTraffic.listed + 1);
+    FUZZ_REQUIRE(handler().protocolErrors().size() <= mTraffic.listed + 1);
     if (mResetInSlot) {
         mResetInSlot = false;
-        reset();
+        reset(true);
     }
 }
 
@@ -235,7 +257,7 @@ void Pass::checkSegmented(const SdoFinding &finding, const QByteArray &bytes) co
 
 void Pass::checkListed()
 {
-    const QList<uint> listed = mHandler.protocolErrors();
+    const QList<uint> listed = handler().protocolErrors();
     const int added = listed.size() - mTraffic.listed;
     FUZZ_REQUIRE(added >= mSignalledAndListed && added <= 1);
     FUZZ_REQUIRE(added == 0 || listed.constLast() == mInHand.mMessageNumber);
@@ -244,13 +266,13 @@ void Pass::checkListed()
 
 void Pass::checkTables() const
 {
-    FUZZ_REQUIRE(mHandler.protocolErrors().size() == mTraffic.listed);
-    for (const SDO::SDOEntry &pending : mHandler.pendingSDOEntryList()) {
+    FUZZ_REQUIRE(handler().protocolErrors().size() == mTraffic.listed);
+    for (const SDO::SDOEntry &pending : handler().pendingSDOEntryList()) {
         const Request request = mTraffic.requests.value(pending);
         FUZZ_REQUIRE(pending.requestMsgNumber == request.number && SDO::sameValue(pending.value, request.value));
     }
     auto kept = mTraffic.kept;
-    for (const SDO::SDOEntry &found : mHandler.foundSDOEntryList()) {
+    for (const SDO::SDOEntry &found : handler().foundSDOEntryList()) {
         QList<SDO::SDOEntryValue> values = found.values;
         for (SDO::SDOEntryValue &value : values)
             value.reqMsgNumber = 0; // signals do not carry it
@@ -258,35 +280,34 @@ void Pass::checkTables() const
     }
     FUZZ_REQUIRE(kept.isEmpty());
     qint64 blockBytes = 0;
-    for (const SDODef::SDOBlockTransfer &block : mHandler.blockTransfers()) {
+    for (const SDODef::SDOBlockTransfer &block : handler().blockTransfers()) {
         FUZZ_REQUIRE(block.mState <= 5 && block.mDirection <= 1);
         blockBytes += block.mData.size();
     }
     FUZZ_REQUIRE(blockBytes <= mTraffic.limit / 2);
-    FUZZ_REQUIRE(mTraffic.times.size() > 0 || mHandler.blockTransfers().isEmpty());
+    FUZZ_REQUIRE(mTraffic.times.size() > 0 || handler().blockTransfers().isEmpty());
 }
 
 } // namespace
 
-// Twice through one handler: what it knew before a reset() changes nothing.
+// Twice through one handler, and through a fresh one after each reset(): what was before a reset() changes nothing.
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
+    enum Road { First, Again, Renewing };
     const std::vector<FuzzStep> steps = fuzzSteps(data, size);
-    Pass *current = nullptr;
-    ObservedSdoHandler observed([&current](const SdoFinding &finding) { current->onFinding(finding); });
-    std::vector<SdoFinding> firstFindings;
-    QMap<unsigned char, SDODef::SDOBlockTransfer> firstBlocks;
-    for (const bool again : {false, true}) {
-        Pass pass(observed);
-        current = &pass;
+    auto observed = std::make_unique<ObservedSdoHandler>();
+    std::vector<SdoFinding> findings;
+    QMap<unsigned char, SDODef::SDOBlockTransfer> blocks;
+    for (const Road road : {First, Again, Renewing}) {
+        Pass pass(observed, road == Renewing);
         for (const FuzzStep &step : steps)
             pass.take(step);
         pass.checkTables();
-        FUZZ_REQUIRE(!again || pass.findings == firstFindings);
-        FUZZ_REQUIRE(!again || sameBlocks(observed.handler.blockTransfers(), firstBlocks));
-        firstFindings = pass.findings;
-        firstBlocks = observed.handler.blockTransfers();
-        observed.handler.reset();
+        FUZZ_REQUIRE(road == First || pass.findings == findings);
+        FUZZ_REQUIRE(road == First || sameBlocks(observed->handler.blockTransfers(), blocks));
+        findings = pass.findings;
+        blocks = observed->handler.blockTransfers();
+        observed->handler.reset();
     }
     return 0;
 }

@@ -40,14 +40,17 @@ inline bool sameBlocks(const QMap<unsigned char, CANopen::SDODef::SDOBlockTransf
                       });
 }
 
-/// A handler without deferred checks, whose findings go to \a found from within each emission.
+/// A handler without deferred checks, which depend on the clock.
 class ObservedSdoHandler
 {
 public:
-    explicit ObservedSdoHandler(std::function<void(const SdoFinding &)> found)
+    ObservedSdoHandler() { handler.setDefersNodeCountChecks(false); }
+
+    /// Findings go to \a found from now on, from within each emission.
+    void report(const std::function<void(const SdoFinding &)> &found)
     {
+        handler.disconnect();
         using Handler = SDOMessageHandler;
-        handler.setDefersNodeCountChecks(false); // they depend on the clock
         QObject::connect(&handler, &Handler::newValue, &handler,
                          [found](quint8 node, quint16 index, quint8 subindex, const QVariant &value, double reqTime,
                                  double respTime, quint32 number, bool wasSDOWrite) {
