@@ -34,7 +34,7 @@ private Q_SLOTS:
     void story();
     void guestsWaitForTheFrameInHand();
     void reanalyzeForgetsWhatWasLearnt();
-    void missingModelOrStore();
+    void missingModelStoreOrHandler();
 
 private:
     /// Runs the loop while a story takes place, see story_data().
@@ -182,7 +182,7 @@ void TestWorker::nodeOfIdentifier()
     for (auto it = nodes.cbegin(); it != nodes.cend(); ++it) {
         message.mIdentifier = it.key();
         QCOMPARE((QList<int>{Worker::getNodeFromSDO_RES(message), Worker::getNodeFromEMCY(message),
-                             mWorker->getNodeFromNMT_EC(message, CANopen::NMT_EC, event)}),
+                             mWorker->getNodeFromNMT_EC(message, CANopen::UNKNOWN, event)}),
                  it.value());
     }
 }
@@ -236,7 +236,7 @@ void TestWorker::story_data()
     const auto row = [](const char *name, const char *script, const char *recorded, int counted) {
         QTest::newRow(name) << QString(script) << QString(recorded) << counted;
     };
-    row("stopped before the start", "PDO 3, resume, stop", "", 0);
+    row("stopped before the start, and cleared", "PDO 3, resume, stop, clear", "", 0);
     row("starts paused, sleeps, and lets guests in", "PDO 3 \n later: guest, slept, stop", "", 0);
     row("stopped while frames flow", "PDO 3, resume \n frame 2: stop", "1-2", 2);
     row("pauses at the end of a recording", "PDO 3, resume \n end 1: wait \n later: PDO 1, stop", "1-3", 3);
@@ -478,7 +478,7 @@ void TestWorker::reanalyzeForgetsWhatWasLearnt()
     QVERIFY(mStore->nextMessageForLine(message, ScriptedStore::line)); // its read positions are set back
 }
 
-void TestWorker::missingModelOrStore()
+void TestWorker::missingModelStoreOrHandler()
 {
     for (const auto &[network, store] : {std::pair(false, true), std::pair(true, false), std::pair(false, false)}) {
         mWorker =
@@ -492,6 +492,12 @@ void TestWorker::missingModelOrStore()
         QCOMPARE(mWorker->calculateRating(), qint16(0));
         play("resume"); // ends at once
     }
+    init();
+    delete mWorker->sdoMessageHandler();
+    mWorker->handleMessage(frame("605 40 00 10"));
+    mWorker->reset();
+    QVERIFY(mWorker->protocolErrors().isEmpty() && mWorker->pendingSDOEntryList().isEmpty());
+    QVERIFY(mWorker->blockTransfers().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestWorker)

@@ -1,6 +1,7 @@
 #include "parser/sdoparserworker.h"
 
 #include "scriptedstore.h"
+#include "sdo/sdomessagehandler.h"
 
 #include <QLoggingCategory>
 #include <QtTest>
@@ -21,6 +22,7 @@ private Q_SLOTS:
     void destroyedInTheSlotOfFinished_data();
     void destroyedInTheSlotOfFinished();
     void storeIsFilledMeanwhile();
+    void storeOrHandlerVanishes();
 };
 
 /// How often a parser is destroyed in its slot; a hundred thousand takes seconds, and minutes with a sanitizer.
@@ -148,6 +150,24 @@ void TestParser::storeIsFilledMeanwhile()
     appender.join();
     QCOMPARE(values, 20000);
     QVERIFY(parser.sdoProtocolErrors().isEmpty());
+}
+
+void TestParser::storeOrHandlerVanishes()
+{
+    for (const unsigned char line : {SDOParserWorker::allLines, ScriptedStore::line}) {
+        auto store = std::make_unique<ScriptedStore>();
+        store->appendTrace("605 40 00 10 00\n585 43 00 10 00 2A", 2);
+        SDOParserWorker parser(nullptr);
+        parser.setDatachunkHandler(store.get());
+        parser.setNetworkLine(line);
+        const auto *const handler = parser.findChild<SDOMessageHandler *>();
+        connect(handler, &SDOMessageHandler::newValue, this, [&] { store.reset(); });
+        parser.doWork();
+        QCOMPARE(describe(parser), QString("5 1000:0 x1"));
+        delete handler;
+        parser.doWork();
+        QCOMPARE(describe(parser), QString());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestParser)
