@@ -71,7 +71,7 @@ public:
 private:
     void startAnalyzer();
     void clear(bool isLive);
-    void mayStartOver();
+    void startOverSoon();
     void awaitEnd();
     void checkSeen();
     void checkRating() const;
@@ -89,6 +89,7 @@ private:
     // Where the analysis started over last: a clear rescues frames, which a later reset leaves alone
     std::size_t mFirstPossible = 0;
     std::size_t mLastPossible = 0;
+    bool mStartOverDue = false;
     int mReanalyses = 0; // asked for
     int mAnalyzers = 0;
 };
@@ -107,6 +108,7 @@ void Host::startAnalyzer()
     };
     mAnalyzer = std::make_unique<CANopenNetworkAnalyzer>(mNetwork.get(), &mStore);
     mReanalyses = 0;
+    mStartOverDue = false;
     mAnalysed = mFirstPossible = mLastPossible = mRecording;
 }
 
@@ -122,9 +124,10 @@ void Host::append(const FuzzStep &step)
         mFrames.push_back(msg);
 }
 
-/// Something now or soon has the analysis start over: behind the frames that are rescued by then.
-void Host::mayStartOver()
+/// At some time before the next check the analysis starts over, behind the frames that are rescued by then.
+void Host::startOverSoon()
 {
+    mStartOverDue = true;
     mAnalysed = std::min(mAnalysed, mRecording);
     mFirstPossible = std::min(mFirstPossible, mAnalysed);
 }
@@ -138,13 +141,12 @@ void Host::act(const FuzzStep &step)
     case 1:
         return clear(odd);
     case 2:
-        mayStartOver();
         mAnalyzer->reset();
-        mFirstPossible = mAnalysed;
+        mAnalysed = mFirstPossible = std::min(mAnalysed, mRecording);
         mLastPossible = mRecording;
         return;
     case 3:
-        mayStartOver();
+        startOverSoon();
         ++mReanalyses;
         return mNetwork->requestReanalysis();
     case 4:
@@ -165,7 +167,7 @@ void Host::act(const FuzzStep &step)
         }
         return startAnalyzer();
     case 9:
-        mayStartOver();
+        startOverSoon();
         mCallsUntilReset = 1 + step.argument % 16;
         return;
     }
@@ -188,17 +190,17 @@ void Host::awaitEnd()
 
 void Host::check()
 {
-    const bool resetIsDue = mCallsUntilReset > 0;
     awaitEnd();
-    if (mReanalyses > 0 || resetIsDue)
+    if (mStartOverDue)
         mLastPossible = mRecording;
+    mStartOverDue = false;
     checkSeen();
     checkAnalysis(*mNetwork, *mAnalyzer);
     checkRating();
     if (mFirstPossible == mRecording)
         checkParser();
     if (mCallsUntilReset > 0)
-        mayStartOver();
+        startOverSoon();
 }
 
 /// Each frame once and in order, from where the analysis started over.
