@@ -4,7 +4,7 @@
 #include "support/canopennetwork.h"
 
 /// A model that only counts what it is told.
-class CountingNetwork final : public CANopenNetwork
+class CountingNetwork : public CANopenNetwork
 {
 public:
     quint64 frames() const { return mFrames; }
