@@ -57,6 +57,7 @@ void TestSegmentedInHandler::conversation_data()
                + QByteArray(
                    "41 42 43 44 45 46 47 48 49 4A(1: 0-5 by 6 w) 41 42 43(7: 6-9 by 10 w) 44(0: 11-13 by 14 r)");
     QTest::newRow("upload: its request stays pending") << upload + QByteArray(R"(
+        values | the history is off by default
         pending                      => 5 1008:00 = null of 1
         605  23 08 10 00 01 00 00 00 => error 1)");
     QTest::newRow("download to node-ID 0: its number is not looked at there") << QByteArray(R"(
