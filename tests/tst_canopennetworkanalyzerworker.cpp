@@ -498,6 +498,16 @@ void TestWorker::missingModelStoreOrHandler()
     mWorker->reset();
     QVERIFY(mWorker->protocolErrors().isEmpty() && mWorker->pendingSDOEntryList().isEmpty());
     QVERIFY(mWorker->blockTransfers().isEmpty());
+
+    struct WithoutMap : RecordingNetwork
+    {
+        QMap<CANopen::MessageType, unsigned int> *getMessageTypeDistribution() override { return nullptr; }
+    };
+    mNetwork = std::make_unique<WithoutMap>();
+    mWorker = std::make_unique<Worker>(mNetwork.get(), mStore.get(), mDescriptions);
+    mWorker->handleMessage(frame("185"));
+    play("PDO 1, reset, resume");
+    QVERIFY(mWorker->messageTypeDistribution().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestWorker)
