@@ -81,6 +81,6 @@ int main(int argc, char **argv)
     };
     QObject::connect(witness.get(), &QCanBusDevice::stateChanged, send);
     QObject::connect(sender.get(), &QCanBusDevice::stateChanged, send);
-    QTimer::singleShot(giveUpMs, [] { QCoreApplication::exit(1); });
+    QTimer::singleShot(giveUpMs, QCoreApplication::instance(), [] { QCoreApplication::exit(1); });
     return QCoreApplication::exec();
 }

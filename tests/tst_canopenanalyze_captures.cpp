@@ -15,7 +15,7 @@ constexpr int socketCan = 227, cooked = 113, cooked2 = 276, ethernet = 1; // lin
 struct Form
 {
     bool isNg = false, isBigEndian = false, isNano = false;
-    int linkType = socketCan;
+    quint32 linkType = socketCan;
 };
 
 struct Run

@@ -161,7 +161,8 @@ void TestParser::storeOrHandlerVanishes()
         parser.setDatachunkHandler(store.get());
         parser.setNetworkLine(line);
         const auto *const handler = parser.findChild<SDOMessageHandler *>();
-        connect(handler, &SDOMessageHandler::newValue, this, [&] { store.reset(); });
+        connect(handler, &SDOMessageHandler::newValue, handler,
+                [&] { store.reset(); }); // clazy:exclude=lambda-in-connect
         parser.doWork();
         QCOMPARE(describe(parser), QString("5 1000:0 x1"));
         delete handler;
