@@ -47,7 +47,8 @@ struct PendingClear
 {
     bool isLive;
     std::vector<HeldBackFrame> heldBack;
-    quint64 longPayloadWords = 0; // of the frames held back
+    std::array<quint32, InMemoryDatachunkHandler::lastLine + 1> countOfLine{}; // of the frames held back
+    quint64 longPayloadWords = 0;                                              // of the frames held back
 };
 
 constexpr quint64 twoHalves(quint32 upper, quint32 lower)
@@ -259,13 +260,15 @@ quint32 InMemoryDatachunkHandler::Private::append(unsigned char lineNumber, cons
     return write(lineNumber, frame, time);
 }
 
-// Its position in its line is not known yet, but is at most its place in the recording.
+// What it takes is reserved here, where the caller may be told that there is no memory.
 quint32 InMemoryDatachunkHandler::Private::holdBack(PendingClear &clear, const HeldBackFrame &held)
 {
     const auto place = quint32(clear.heldBack.size());
     const quint64 longWords = clear.longPayloadWords + quint64(longPayloadWordsOf(held.frame));
-    reserve(lines[held.line], place, place, longWords);
+    quint32 &position = clear.countOfLine[held.line];
+    reserve(lines[held.line], place, position, longWords);
     clear.heldBack.push_back(held);
+    ++position;
     clear.longPayloadWords = longWords;
     return firstNumber + place;
 }
@@ -330,7 +333,7 @@ std::optional<quint32> InMemoryDatachunkHandler::append(unsigned char line, cons
 bool InMemoryDatachunkHandler::clear(bool isLive)
 {
     std::unique_lock<std::mutex> lock(d->writing);
-    d->pendingClears.push_back({isLive, {}, 0});
+    d->pendingClears.push_back({isLive, {}, {}, 0});
     if (d->pendingClears.size() > 1)
         return false; // left to the thread that carries out the first one: waiting for its slots could be a deadlock
     while (!d->pendingClears.empty()) {

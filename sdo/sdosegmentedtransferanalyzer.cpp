@@ -27,11 +27,8 @@ void SDOSegmentedTransferAnalyzer::setByteBudget(ByteBudget *budget)
 
 void SDOSegmentedTransferAnalyzer::announceSize(const CAN::CanMessage &initiate)
 {
-    constexpr quint32 largestReserve = 4096; // a claim is no reason to take memory
-    if (!SDOHelper::sizeIndicatedBitOfCanMsg(initiate))
-        return;
-    mAnnouncedSize = SDOHelper::sizeOfSegmentedTransfer(initiate);
-    mTransferData.reserve(static_cast<int>(std::min(mAnnouncedSize, largestReserve)));
+    if (SDOHelper::sizeIndicatedBitOfCanMsg(initiate))
+        mAnnouncedSize = SDOHelper::sizeOfSegmentedTransfer(initiate);
 }
 
 bool SDOSegmentedTransferAnalyzer::appendSegment(const CAN::CanMessage &segment)

@@ -102,7 +102,7 @@ protected:
     quint8 mNode = 0;                          ///< node-ID of the server
     quint16 mIndex = 0;                        ///< see index()
     quint8 mSubindex = 0;                      ///< see subindex()
-    QByteArray mTransferData;                  ///< see transferData()
+    QByteArray mTransferData{""};              ///< see transferData(); never null: no bytes are a value, too
     double mInitTime = 0.0;                    ///< see initRequestTime()
     double mLastResponseTime = 0.0;            ///< see lastResponseTime()
     quint32 mInitMsgNumber = 0;                ///< see getInitMsgNumber()

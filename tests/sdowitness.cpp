@@ -8,11 +8,13 @@ namespace {
 
 QString textOf(const QVariant &value)
 {
+    if (value.isNull())
+        return QStringLiteral("null");
     if (value.type() == QVariant::LongLong)
         return QString::number(value.toLongLong());
     if (value.type() == QVariant::ByteArray)
         return QString::fromLatin1(value.toByteArray().toHex(' ').toUpper());
-    return value.isNull() ? QStringLiteral("null") : QStringLiteral("?");
+    return QStringLiteral("?");
 }
 
 QString textOf(uint index, uint subindex)

@@ -74,16 +74,21 @@ void tst_InMemoryDatachunkHandler::memoryOfFramesHeldBack()
 {
     InMemoryDatachunkHandler store;
     const CAN::CanMessage longFrame = frame("181" + QByteArray(" 33").repeated(64)).mFrame;
+    const auto fill = [&](InMemoryDatachunkHandler &filled) {
+        for (int n = 0; n < 20000; ++n)
+            filled.append(quint8(n % 200), longFrame, CanTimeStamp());
+        const qint64 used = filled.memoryUsed();
+        filled.squeeze(); // nothing that is still needed
+        return used;
+    };
     qint64 reserved = 0;
-    connect(&store, &DatachunkHandler::informAboutCleared, this, [&] {
-        for (int n = 0; n < 10000; ++n)
-            store.append(quint8(n % 2), longFrame, CanTimeStamp());
-        store.squeeze();
-        reserved = store.memoryUsed();
-    });
+    connect(&store, &DatachunkHandler::informAboutCleared, this, [&] { reserved = fill(store); });
     store.clear();
-    QCOMPARE(store.getMessageCount(), 10000);
+    QCOMPARE(store.getMessageCount(), 20000);
     QCOMPARE(store.memoryUsed(), reserved);
+    store.squeeze();
+    InMemoryDatachunkHandler plain;
+    QCOMPARE(reserved, fill(plain));
 }
 
 void tst_InMemoryDatachunkHandler::memoryOfAFrame()

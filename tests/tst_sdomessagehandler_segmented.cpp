@@ -82,6 +82,15 @@ void TestSegmentedInHandler::conversation_data()
         605  09 48 49 4A 00 00 00 00 => error 5
         585  20 00 00 00 00 00 00 00 => error 0, listed
         605  19 48 49 4A 00 00 00 00 => error 3, listed)");
+    QTest::newRow("upload of no bytes: a value, too") << QByteArray(R"(
+        605  40 00 20 00 00 00 00 00
+        585  40 00 20 00 00 00 00 00
+        605  60 00 00 00 00 00 00 00
+        585  0F 00 00 00 00 00 00 00 => read 5 2000:00 =  asked 1ms
+        605  40 00 20 00 00 00 00 00
+        585  40 00 20 00 00 00 00 00
+        605  60 00 00 00 00 00 00 00
+        585  01 => read 5 2000:00 =  asked 5ms)");
     QTest::newRow("download without an announced size") << QByteArray(R"(
         605  20 00 20 00 00 00 00 00
         585  60 00 20 00 00 00 00 00
