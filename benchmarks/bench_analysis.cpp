@@ -128,7 +128,7 @@ void handle(benchmark::State &state, Traffic::Transfer kind)
             CAN::CanRxMessage received;
             received.mFrame = frame;
             received.mMessageNumber = quint32(frames.size());
-            received.mTimeStamp = CanTimeStamp::fromNSecs(received.mMessageNumber * 100000ll);
+            received.mTimeStamp = CanTimeStamp::fromNSecs(received.mMessageNumber * 100000LL);
             frames.push_back(received);
         }
     }

@@ -53,7 +53,7 @@ std::vector<Clock::time_point> appendInTime(InMemoryDatachunkHandler &store, con
     appended.reserve(std::size_t(frames));
     const auto start = Clock::now();
     for (int i = 0; i < frames; ++i) {
-        std::this_thread::sleep_until(start + std::chrono::nanoseconds(1000000000ll / framesPerSecond) * i);
+        std::this_thread::sleep_until(start + std::chrono::nanoseconds(1000000000LL / framesPerSecond) * i);
         const CAN::CanRxMessage frame = traffic.messageAt(i);
         appended.push_back(Clock::now());
         store.append(0, frame.mFrame, frame.mTimeStamp);

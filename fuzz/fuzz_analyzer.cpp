@@ -98,8 +98,8 @@ void Host::startAnalyzer()
 {
     if (++mAnalyzers > mostAnalyzers)
         return;
-    delete mAnalyzer.get();
-    mAnalyzer.release(); // not before: a slot may still use it
+    delete mAnalyzer.get(); // a slot may still use it meanwhile, so it is let go afterwards
+    static_cast<void>(mAnalyzer.release());
     mCallsUntilReset = 0;
     mNetwork = std::make_unique<NetworkProbe>();
     mNetwork->inCall = [this] {

@@ -285,7 +285,7 @@ void Pass::checkTables() const
         blockBytes += block.mData.size();
     }
     FUZZ_REQUIRE(blockBytes <= mTraffic.limit / 2);
-    FUZZ_REQUIRE(mTraffic.times.size() > 0 || handler().blockTransfers().isEmpty());
+    FUZZ_REQUIRE(!mTraffic.times.empty() || handler().blockTransfers().isEmpty());
 }
 
 } // namespace

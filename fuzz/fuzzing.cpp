@@ -57,7 +57,7 @@ std::vector<FuzzStep> fuzzSteps(const std::uint8_t *data, std::size_t size, std:
     return steps;
 }
 
-int LLVMFuzzerInitialize(int *argc, char ***argv)
+int LLVMFuzzerInitialize(int *argc, char ***argv) // NOLINT(readability-non-const-parameter): as libFuzzer declares it
 {
     qInstallMessageHandler(onQtMessage);
     static QCoreApplication application(*argc, *argv);

@@ -117,7 +117,7 @@ QString SdoWitness::feed(const CAN::CanRxMessage &message)
 
 QString SdoWitness::takeFindings()
 {
-    const QString findings = mFindings.join(QStringLiteral(", "));
+    QString findings = mFindings.join(QStringLiteral(", "));
     mFindings.clear();
     return findings;
 }

@@ -73,7 +73,7 @@ private:
     QByteArray block(quint64 type, const QByteArray &body) const
     {
         const QByteArray padding(-body.size() & 3, '\0');
-        const QByteArray size = number(quint64(12 + body.size() + padding.size()));
+        const QByteArray size = number(12 + quint64(body.size()) + quint64(padding.size()));
         return number(type) + size + body + padding + size;
     }
 

@@ -163,6 +163,7 @@ void TestAnalyzer::guestsAndLoopTakeTurns()
     std::atomic<quint32> odd{0};
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
+    readers.reserve(turns.size());
     for (std::atomic<quint32> &own : turns)
         readers.emplace_back([&] {
             while (!done) {

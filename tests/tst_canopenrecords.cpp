@@ -86,9 +86,9 @@ void TestCanopenRecords::entriesAreFoundByTheirObject()
 void TestCanopenRecords::entriesCompareOverAllTheirFields()
 {
     SDO::SDOEntry entry(SDO::SDOEntryKey(5, 0x1000, 1));
-    entry.value = QVariant(42ll);
+    entry.value = QVariant(42LL);
     entry.values.append(SDO::SDOEntryValue());
-    entry.values[0].value = QVariant(42ll);
+    entry.values[0].value = QVariant(42LL);
     QVERIFY(entry == SDO::SDOEntry(entry));
 
     using Entry = SDO::SDOEntry;
@@ -101,7 +101,7 @@ void TestCanopenRecords::entriesCompareOverAllTheirFields()
         [](Entry &other) { other.flag = true; },
         [](Entry &other) { other.requestTime = CanTimeStamp::fromNSecs(1); },
         [](Entry &other) { other.requestMsgNumber = 1; },
-        [](Entry &other) { other.value = QVariant(43ll); },
+        [](Entry &other) { other.value = QVariant(43LL); },
         [](Entry &other) { other.value = QByteArray("42"); }, // although QVariant says that it equals the number
         [](Entry &other) { other.values.clear(); },
         [](Entry &other) { other.values[0].value = QByteArray("42"); },

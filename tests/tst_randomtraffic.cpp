@@ -201,7 +201,7 @@ void number(Frames &traffic)
 {
     for (int i = 0; i < traffic.size(); ++i) {
         traffic[i].mMessageNumber = quint32(i + 1);
-        traffic[i].mTimeStamp = CanTimeStamp::fromNSecs(i * 30000000ll);
+        traffic[i].mTimeStamp = CanTimeStamp::fromNSecs(i * 30000000LL);
     }
 }
 
