@@ -139,8 +139,10 @@ void Pass::reset(bool inSlot)
     mTraffic = Traffic();
     mTraffic.limit = mLimit;
     mWasReset = true;
-    if (mRenews && inSlot)
-        return; // feed() renews it, once it is done with the frame
+    if (mRenews && inSlot) { // feed() renews it, once it is done with the frame; until then it has nothing to say
+        handler().blockSignals(true);
+        return;
+    }
     mRenews ? renew() : handler().reset();
     checkTables();
 }

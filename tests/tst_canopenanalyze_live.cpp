@@ -109,6 +109,11 @@ void TestCanopenAnalyzeLive::initTestCase()
 {
     if (!QCanBus::instance()->plugins().contains("virtualcan"))
         QSKIP("there is no plug-in virtualcan");
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+    const bool hasTerminals = terminal >= 0 && QFile::exists(QString::fromLocal8Bit(ptsname(terminal)));
+    close(terminal);
+    if (!hasTerminals)
+        QSKIP("there are no pseudo-terminals");
 }
 
 void TestCanopenAnalyzeLive::sameAsTheRecording_data()
