@@ -26,9 +26,9 @@ class GuestLock;
 ///
 /// Owner: its QObject parent. Threads: passive; every operation runs in the caller's thread, one at a time, and the
 /// signals are emitted from there, in the middle of handleCANMessage(). A directly connected slot may call every operation of
-/// the handler but handleCANMessage(); after a reset() in a slot the rest of the frame in hand leaves no trace. The
-/// handler must not be deleted in a slot of its own signals. Only the deferred check of the responder counts comes from the event loop of the thread that
-/// the handler belongs to.
+/// the handler but handleCANMessage(); after a reset() in a slot the rest of the frame in hand leaves no trace. The handler
+/// must not be deleted in a slot of its own signals. Only the deferred check of the responder counts comes from the event
+/// loop of the thread that the handler belongs to.
 ///
 /// Nothing fed to it makes it fail: frames that fit no conversation are reported as protocol errors or ignored. A request
 /// that is never answered stays pending; there is no time-out.
@@ -185,13 +185,15 @@ private:
     const std::unique_ptr<ByteBudget> mBlockBudget;
 
     // What was seen
-    QHash<SDO::SDOEntryKey, Request> mPendingEntries; // requests waiting for their answer
-    QHash<SDO::SDOEntryKey, CanTimeStamp>
-        mFinishedEntries; // of the last answered expedited transfer: its request's time
-    QHash<SDO::SDOEntryKey, SDO::SDOEntry>
-        mFoundEntries;                    // every value of every finished transfer, while those are kept
-    PerNode<quint8> mNodeResponseCount{}; // devices answering under a node-ID, as last established; 0: not established
-    PerNode<quint8> mReportedNodeCount{}; // the same, as last reported
+    // Requests waiting for their answer
+    QHash<SDO::SDOEntryKey, Request> mPendingEntries;
+    // The last answered expedited transfer of each object: the time of its request
+    QHash<SDO::SDOEntryKey, CanTimeStamp> mFinishedEntries;
+    // Every value of every finished transfer, while those are kept
+    QHash<SDO::SDOEntryKey, SDO::SDOEntry> mFoundEntries;
+    // Devices answering under a node-ID, as last established (0: not yet) and as last reported
+    PerNode<quint8> mNodeResponseCount{};
+    PerNode<quint8> mReportedNodeCount{};
     // At most one running transfer per node and direction
     PerNode<std::unique_ptr<SDOSegmentedDownloadAnalyzer>> mSegmentedDownloads;
     PerNode<std::unique_ptr<SDOSegmentedUploadAnalyzer>> mSegmentedUploads;
