@@ -34,6 +34,10 @@ function(canopenanalysis_library target export_name export_header)
     # Nobody replaces single functions of these libraries, so the compiler may inline the exported ones within a file too: a
     # quarter of the time of a process-data frame.
     target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+    # And at link time from file to file, in builds that are to be fast: a tenth of the time of an SDO frame.
+    check_ipo_supported(RESULT between_files LANGUAGES CXX OUTPUT reason)
+    set_target_properties(${target} PROPERTIES
+        INTERPROCEDURAL_OPTIMIZATION_RELEASE ${between_files} INTERPROCEDURAL_OPTIMIZATION_RELWITHDEBINFO ${between_files})
     target_link_options(${target} PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
     set_target_properties(${target} PROPERTIES
         EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
