@@ -1,6 +1,7 @@
 #include "network/canopennetworkanalyzerworker.h"
 
 #include "sdo/sdomessagehandler.h"
+#include "sdo/valuereceiver_p.h"
 #include "support/canopendevice.h"
 #include "support/guestlock_p.h"
 #include "support/messageclass_p.h"
@@ -65,16 +66,32 @@ short identifierOffset(const CAN::CanMessage &msg, quint32 base)
 
 } // namespace
 
+/// Leads values straight to the worker's slot.
+class Q_DECL_HIDDEN CANopenNetworkAnalyzerWorker::Values : public ValueReceiver
+{
+public:
+    explicit Values(CANopenNetworkAnalyzerWorker &worker) : mWorker(worker) {}
+    void takeValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value) override
+    {
+        mWorker.newSDOValue(object.node, object.index, object.subindex, value.value, value.reqTime, value.respTime,
+                            value.canMsgNumber, value.wasSDOWrite);
+    }
+
+private:
+    CANopenNetworkAnalyzerWorker &mWorker;
+};
+
 CANopenNetworkAnalyzerWorker::CANopenNetworkAnalyzerWorker(
     QPointer<CANopenNetwork> network, QPointer<DatachunkHandler> datachunkHandler,
     QHash<unsigned int, CANopen::CANopenMessageDescription> &messageDescriptions, QObject *parent)
     : QObject(parent),
       mLock(std::make_shared<GuestLock>()),
       mMessageDescriptions(&messageDescriptions),
+      mValues(std::make_unique<Values>(*this)),
+      mSdoHandler(new SDOMessageHandler(this, mMessageDescriptions)),
       mNetwork(network),
       mDatachunkHandler(datachunkHandler)
 {
-    mSdoHandler = new SDOMessageHandler(this, mMessageDescriptions);
     mSdoHandler->setGuestLock(mLock);
     if (mNetwork)
         mMessageTypeDistribution = mNetwork->getMessageTypeDistribution();
@@ -85,6 +102,7 @@ CANopenNetworkAnalyzerWorker::CANopenNetworkAnalyzerWorker(
             Qt::DirectConnection);
     connect(mSdoHandler, &SDOMessageHandler::sigMultipleNodesDetected, this, &Worker::slotSDOMultipleNodesDetected,
             Qt::DirectConnection);
+    mSdoHandler->setOnlyReceiver(mValues.get());
     if (mDatachunkHandler) {
         connect(mDatachunkHandler, &DatachunkHandler::informAboutCleared, this, &Worker::onDatachunkCleared,
                 Qt::DirectConnection);
@@ -117,10 +135,16 @@ void CANopenNetworkAnalyzerWorker::analyze()
     const QPointer<CANopenNetworkAnalyzerWorker> self(this);
     const std::shared_ptr<GuestLock> lock = mLock; // outlives a worker that is deleted at an event point
     const LoopScope loop(*lock);
-    CAN::CanRxMessage buffer;
-    while (pass(buffer)) {}
+    analyzeFrames();
     if (self)
         endForGood();
+}
+
+// Flattened: whatever the road of a frame calls is compiled into it, Qt's containers and pointers too.
+[[gnu::flatten]] void CANopenNetworkAnalyzerWorker::analyzeFrames()
+{
+    CAN::CanRxMessage buffer;
+    while (pass(buffer)) {}
 }
 
 /// Frames rescued for a loop that has ended would only take memory.
@@ -144,22 +168,25 @@ Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffe
     // Guests first: one that pauses the analysis and then resets it must find it empty afterwards.
     mLock->admitGuests();
     const quint32 pauseState = mPauseState;
-    if ((pauseState & pausedBit) != 0)
+    if (Q_UNLIKELY((pauseState & pausedBit) != 0))
         return sleepWhilePaused();
-    if (mClearPending)
+    if (Q_UNLIKELY(mClearPending))
         return handleRescuedFrames();
     // Read before the fetch: frames appended before live reception was switched off are still looked for.
     const bool live = CAN::CanRxMessage::mLiveMode;
     CANopenNetwork *const network = mNetwork;
     DatachunkHandler *const store = mDatachunkHandler;
-    if (!network || !store) {
+    if (Q_UNLIKELY(!network || !store)) {
         mRunning = false;
         return idle(pauseState, live);
     }
-    if (mClearing || !store->getMessageOfLine(buffer, lineOf(*network), mLinePosition))
+    if (Q_UNLIKELY(mClearing))
+        return idle(pauseState, live);
+    const unsigned char line = lineOf(*network);
+    if (Q_UNLIKELY(!store->getMessageOfLine(buffer, line, mLinePosition)))
         return idle(pauseState, live);
     ++mLinePosition;
-    return analyzeFetched(buffer);
+    return analyzeFetched(buffer, network);
 }
 
 bool CANopenNetworkAnalyzerWorker::sleepWhilePaused()
@@ -167,12 +194,21 @@ bool CANopenNetworkAnalyzerWorker::sleepWhilePaused()
     return serveEvents(pauseSleepMs, 0) && mRunning;
 }
 
-Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame)
+Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame,
+                                                                  CANopenNetwork *network)
+{
+    if (Q_UNLIKELY(mLinePosition % framesPerEventPoint == 0))
+        return analyzeAfterEvents(frame);
+    analyzeFrame(frame, network);
+    return mRunning;
+}
+
+/// The frame is dropped when the events start the analysis over.
+bool CANopenNetworkAnalyzerWorker::analyzeAfterEvents(const CAN::CanRxMessage &frame)
 {
     const quint32 restarts = mRestarts;
-    if (mLinePosition % framesPerEventPoint == 0 && !serveEvents(0, 0))
+    if (!serveEvents(0, 0))
         return false;
-
     if (restarts == mRestarts) {
         if (CANopenNetwork *const network = mNetwork) {
             analyzeFrame(frame, network);
@@ -230,9 +266,9 @@ bool CANopenNetworkAnalyzerWorker::handleRescuedFrames()
 Q_ALWAYS_INLINE void CANopenNetworkAnalyzerWorker::analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network)
 {
     const quint32 restarts = mRestarts;
-    if (network)
+    if (Q_LIKELY(network))
         network->addCANMessage(frame);
-    if (restarts == mRestarts)
+    if (Q_LIKELY(restarts == mRestarts))
         classify(frame);
 }
 
@@ -337,37 +373,45 @@ void CANopenNetworkAnalyzerWorker::handleMessage(const CAN::CanRxMessage &frame)
     classify(frame);
 }
 
-// Process data are most of the traffic, and are through here.
+// Process data are most of the traffic, and are through after one comparison.
 Q_ALWAYS_INLINE void CANopenNetworkAnalyzerWorker::classify(const CAN::CanRxMessage &frame)
+{
+    CANopenNetwork *const network = mNetwork;
+    if (Q_UNLIKELY(!MessageClass::isProcessData(frame.mFrame)))
+        return dispatch(frame, network);
+    if (Q_LIKELY(network)) {
+        count(PDO);
+        network->addPDOCanMessage(frame);
+    }
+}
+
+/// Requires: the model exists, and with it the map.
+Q_ALWAYS_INLINE void CANopenNetworkAnalyzerWorker::count(CANopen::MessageType type)
+{
+    if (Q_LIKELY(mMessageTypeDistribution))
+        ++(*mMessageTypeDistribution)[type];
+}
+
+void CANopenNetworkAnalyzerWorker::dispatch(const CAN::CanRxMessage &frame, CANopenNetwork *network)
 {
     bool isAbort = false;
     const MessageType classified = MessageClass::of(frame.mFrame, isAbort);
     const MessageType type = isAbort ? SDO_ABORT : classified;
-    CANopenNetwork *const network = mNetwork;
-    if (network && mMessageTypeDistribution)
-        ++(*mMessageTypeDistribution)[type];
+    if (network)
+        count(type);
 
-    if (type != PDO)
-        dispatch(frame, type);
-    else if (network)
-        network->addPDOCanMessage(frame);
-}
-
-void CANopenNetworkAnalyzerWorker::dispatch(const CAN::CanRxMessage &frame, CANopen::MessageType type)
-{
     switch (type) {
     case SDO_REQ:
-        handToSdoHandler(frame);
-        return;
+        return handleSdoRequest(frame);
     case SDO_RES:
-        return handleSdoResponse(frame);
+        return handleSdoResponse(frame, network);
     case SDO_ABORT:
-        if (handToSdoHandler(frame))
-            ++mRatingCounts[RMT_SdoAbort];
-        return;
+        return handleSdoAbort(frame, classified);
+    case PDO:
+        return; // dealt with before
     case SYNC:
-        if (mNetwork)
-            mNetwork->addSYNC(frame.mMessageNumber);
+        if (network)
+            network->addSYNC(frame.mMessageNumber);
         return;
     case NMT:
         return handleNmtCommand(frame);
@@ -382,23 +426,30 @@ void CANopenNetworkAnalyzerWorker::dispatch(const CAN::CanRxMessage &frame, CANo
     }
 }
 
-/// False when a slot has started the analysis over: nothing more of the frame is counted then.
-bool CANopenNetworkAnalyzerWorker::handToSdoHandler(const CAN::CanRxMessage &frame)
+// The SDO handler lives as long as the worker, unless somebody deletes it.
+
+void CANopenNetworkAnalyzerWorker::handleSdoRequest(const CAN::CanRxMessage &frame)
 {
-    const quint32 restarts = mRestarts;
-    if (mSdoHandler)
-        mSdoHandler->handleCANMessage(frame);
-    return restarts == mRestarts;
+    if (SDOMessageHandler *const handler = mSdoHandler)
+        handler->handleC2SMessage(frame);
 }
 
-void CANopenNetworkAnalyzerWorker::handleSdoResponse(const CAN::CanRxMessage &frame)
+void CANopenNetworkAnalyzerWorker::handleSdoResponse(const CAN::CanRxMessage &frame, CANopenNetwork *network)
 {
     const auto node = static_cast<signed char>(getNodeFromSDO_RES(frame.mFrame));
     const quint32 restarts = mRestarts;
-    if (node >= firstNode && mNetwork)
-        mNetwork->addNode(node, QString());
-    if (restarts == mRestarts)
-        handToSdoHandler(frame);
+    if (node >= firstNode && network)
+        network->addNode(node, QString());
+    SDOMessageHandler *const handler = mSdoHandler;
+    if (handler && restarts == mRestarts) // not when the model has started the analysis over
+        handler->handleS2CMessage(frame);
+}
+
+void CANopenNetworkAnalyzerWorker::handleSdoAbort(const CAN::CanRxMessage &frame, CANopen::MessageType direction)
+{
+    if (SDOMessageHandler *const handler = mSdoHandler)
+        handler->handleAbortMessage(frame, direction); // emits nothing
+    ++mRatingCounts[RMT_SdoAbort];
 }
 
 void CANopenNetworkAnalyzerWorker::handleEmergency(const CAN::CanRxMessage &frame)

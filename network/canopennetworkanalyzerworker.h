@@ -107,25 +107,31 @@ private Q_SLOTS:
     void onDatachunkClearStart();
 
 private:
+    class Q_DECL_HIDDEN Values;
+
     // The road of one frame, compiled into one function. The boolean ones tell whether the loop goes on.
+    Q_NEVER_INLINE void analyzeFrames();
     Q_DECL_HIDDEN bool pass(CAN::CanRxMessage &buffer);
-    Q_DECL_HIDDEN bool analyzeFetched(const CAN::CanRxMessage &frame);
+    Q_DECL_HIDDEN bool analyzeFetched(const CAN::CanRxMessage &frame, CANopenNetwork *network);
     Q_DECL_HIDDEN void analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network);
     Q_DECL_HIDDEN void classify(const CAN::CanRxMessage &frame);
+    Q_DECL_HIDDEN void count(CANopen::MessageType type);
 
-    // Off the road
-    bool sleepWhilePaused();
-    bool idle(quint32 pauseState, bool wasLive);
-    bool handleRescuedFrames();
+    // Off the road, and not compiled into it
+    Q_NEVER_INLINE bool sleepWhilePaused();
+    Q_NEVER_INLINE bool analyzeAfterEvents(const CAN::CanRxMessage &frame);
+    Q_NEVER_INLINE bool idle(quint32 pauseState, bool wasLive);
+    Q_NEVER_INLINE bool handleRescuedFrames();
+    Q_NEVER_INLINE void dispatch(const CAN::CanRxMessage &frame, CANopenNetwork *network);
+    Q_NEVER_INLINE void endForGood();
     bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
 
     void rescueUnreadFrames();
-    void endForGood();
-    void dispatch(const CAN::CanRxMessage &frame, CANopen::MessageType type);
-    void handleSdoResponse(const CAN::CanRxMessage &frame);
+    void handleSdoRequest(const CAN::CanRxMessage &frame);
+    void handleSdoResponse(const CAN::CanRxMessage &frame, CANopenNetwork *network);
+    void handleSdoAbort(const CAN::CanRxMessage &frame, CANopen::MessageType direction);
     void handleEmergency(const CAN::CanRxMessage &frame);
     void handleNmtCommand(const CAN::CanRxMessage &frame);
-    bool handToSdoHandler(const CAN::CanRxMessage &frame);
     void startOver();
     void lookAgain();
 
@@ -134,7 +140,8 @@ private:
         mLock; // protects everything below that is not atomic; the loop holds it while frames flow
     QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // the analyzer's
     QMap<CANopen::MessageType, unsigned int> *mMessageTypeDistribution = nullptr;        // the model's
-    QPointer<SDOMessageHandler> mSdoHandler;                                             // a child of the worker
+    const std::unique_ptr<Values> mValues;                                               // takes the handler's values
+    const QPointer<SDOMessageHandler> mSdoHandler;                                       // a child of the worker
 
     // The host's, may vanish
     const QPointer<CANopenNetwork> mNetwork;

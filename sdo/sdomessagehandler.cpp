@@ -4,8 +4,10 @@
 #include "sdo/sdomessagehandler.h"
 
 #include "sdo/bytebudget_p.h"
+#include "sdo/objecttable_p.h"
 #include "sdo/sdohelper.h"
 #include "sdo/sdonodeid_p.h"
+#include "sdo/valuereceiver_p.h"
 #include "support/guestlock_p.h"
 #include "support/messageclass_p.h"
 
@@ -15,6 +17,7 @@ using namespace CANopen;
 using SDO::SDOEntry;
 using SDO::SDOEntryKey;
 using SDO::SDOEntryValue;
+using Request = ObjectTable::Request;
 
 namespace {
 
@@ -37,22 +40,26 @@ SDOEntryKey objectOf(const CAN::CanRxMessage &msg, unsigned char node)
                        SDOHelper::getSubindexOfSDOMessage(msg.mFrame));
 }
 
-QVariant valueOf(const std::optional<qint64> &written)
+QVariant valueOf(const Request &request)
 {
-    return written ? QVariant(*written) : QVariant();
+    return request.isWrite ? QVariant(request.written) : QVariant();
+}
+
+SDOEntry entryOf(const SDOEntryKey &object, const Request &request)
+{
+    SDOEntry entry(object);
+    entry.requestTime = request.time;
+    entry.requestMsgNumber = request.msgNumber;
+    entry.value = valueOf(request);
+    return entry;
 }
 
 /// The value that \a response completes, for the request of the given time and message number.
 SDOEntryValue answeredValue(CanTimeStamp requestTime, quint32 requestMsgNumber, const CAN::CanRxMessage &response,
-                            const QVariant &value)
+                            QVariant value, bool wasSDOWrite)
 {
-    SDOEntryValue answered;
-    answered.value = value;
-    answered.reqTime = requestTime.toDouble();
-    answered.respTime = response.mTimeStamp.toDouble();
-    answered.canMsgNumber = response.mMessageNumber;
-    answered.reqMsgNumber = requestMsgNumber;
-    return answered;
+    return {std::move(value),        requestTime.toDouble(), response.mTimeStamp.toDouble(),
+            response.mMessageNumber, requestMsgNumber,       wasSDOWrite};
 }
 
 } // namespace
@@ -62,7 +69,8 @@ SDOMessageHandler::SDOMessageHandler(QObject *parent,
     : QObject(parent),
       mMessageDescriptions(descriptions),
       mSegmentBudget(std::make_unique<ByteBudget>(maxCollectedBytes / 2)),
-      mBlockBudget(std::make_unique<ByteBudget>(maxCollectedBytes / 2))
+      mBlockBudget(std::make_unique<ByteBudget>(maxCollectedBytes / 2)),
+      mObjects(std::make_unique<ObjectTable>())
 {
     // For hosts that connect queued; the other parameters of the signals are known to Qt.
     qRegisterMetaType<CANopen::SdoProtocolErrorType>("CANopen::SdoProtocolErrorType");
@@ -80,6 +88,23 @@ void SDOMessageHandler::setGuestLock(std::shared_ptr<GuestLock> lock)
     mGuestLock = std::move(lock);
 }
 
+void SDOMessageHandler::setOnlyReceiver(ValueReceiver *receiver)
+{
+    mOnlyReceiver = receiver;
+}
+
+void SDOMessageHandler::connectNotify(const QMetaMethod &signal)
+{
+    Q_UNUSED(signal)
+    mOnlyReceiver = nullptr;
+}
+
+void SDOMessageHandler::disconnectNotify(const QMetaMethod &signal)
+{
+    Q_UNUSED(signal)
+    mOnlyReceiver = nullptr;
+}
+
 void SDOMessageHandler::setCollectedBytesLimit(qint64 bytes)
 {
     mSegmentBudget->setLimit(bytes / 2);
@@ -91,8 +116,7 @@ void SDOMessageHandler::reset()
     ++mResetCount;
     mProtocolErrors.clear();
     mFoundEntries.clear();
-    mPendingEntries.clear();
-    mFinishedEntries.clear();
+    mObjects->clear();
     mNodeResponseCount.fill(0);
     mReportedNodeCount.fill(0);
     for (auto &analyzer : mSegmentedDownloads)
@@ -193,7 +217,7 @@ void SDOMessageHandler::handleAbortMessage(const CAN::CanRxMessage &msg, CANopen
     const unsigned char node = type == SDO_REQ   ? SdoNodeId::ofClientFrame(msg.mFrame)
                                : type == SDO_RES ? SdoNodeId::ofServerFrame(msg.mFrame)
                                                  : noNode;
-    mPendingEntries.remove(objectOf(msg, node));
+    mObjects->forgetPending(objectOf(msg, node));
 }
 
 // ---- downloads ---------------------------------------------------------------------------------------------------------
@@ -215,10 +239,11 @@ void SDOMessageHandler::handleDLExpeditedRequest(const CAN::CanRxMessage &msg, u
         return;
 
     const SDOEntryKey object = objectOf(msg, node);
+    const Request request = {msg.mTimeStamp, msg.mMessageNumber, true, value};
     // The earlier request, of whichever direction, will get no answer any more: the next answer belongs to this one.
-    if (mPendingEntries.remove(object) > 0 && !reportError(msg.mMessageNumber, PE_RequestPending))
+    if (mObjects->forgetPending(object) && !reportError(msg.mMessageNumber, PE_RequestPending))
         return;
-    mPendingEntries.insert(object, {msg.mTimeStamp, msg.mMessageNumber, value});
+    mObjects->setPending(object, request);
 }
 
 void SDOMessageHandler::handleDownloadInitResponse(const CAN::CanRxMessage &msg)
@@ -235,19 +260,17 @@ void SDOMessageHandler::handleDownloadInitResponse(const CAN::CanRxMessage &msg)
 void SDOMessageHandler::handleDLExpeditedResponse(const CAN::CanRxMessage &msg, unsigned char node)
 {
     const SDOEntryKey object = objectOf(msg, node);
-    const auto pending = mPendingEntries.constFind(object);
-    if (pending == mPendingEntries.constEnd())
+    const Request *const pending = mObjects->pendingRequest(object);
+    if (!pending)
         return handleUnmatchedResponse(object, msg);
 
     const Request request = *pending; // a copy, since the table may be reset by a slot below
-    SDOEntryValue written = answeredValue(request.time, request.msgNumber, msg, valueOf(request.written));
-    written.wasSDOWrite = true;
+    const SDOEntryValue written = answeredValue(request.time, request.msgNumber, msg, valueOf(request), true);
     if (mKeepFinishedTransfers)
         foundEntry(entryOf(object, request)).values.append(written);
     if (!reportValue(object, written))
         return;
-    addFinishedEntry(object, request);
-    mPendingEntries.remove(object);
+    mObjects->finish(object, request.time);
 }
 
 // ---- uploads -----------------------------------------------------------------------------------------------------------
@@ -258,7 +281,7 @@ void SDOMessageHandler::handleUploadInitRequest(const CAN::CanRxMessage &msg)
     if (!SdoNodeId::isDevice(node))
         return;
     // A repeated read is no error: the answer is paired with the last request.
-    mPendingEntries.insert(objectOf(msg, node), {msg.mTimeStamp, msg.mMessageNumber, std::nullopt});
+    mObjects->setPending(objectOf(msg, node), {msg.mTimeStamp, msg.mMessageNumber});
 }
 
 void SDOMessageHandler::handleUploadInitResponse(const CAN::CanRxMessage &msg)
@@ -266,7 +289,7 @@ void SDOMessageHandler::handleUploadInitResponse(const CAN::CanRxMessage &msg)
     const SDOEntryKey object = objectOf(msg, SdoNodeId::ofServerFrame(msg.mFrame));
     if (SDOHelper::expeditedBitOfCanMsg(msg.mFrame))
         handleUploadExpeditedInitResponse(object.node, object.index, object.subindex, msg);
-    else if (mPendingEntries.contains(object))
+    else if (mObjects->pendingRequest(object))
         handleUploadSegmentedInitResponse(object.node, object.index, object.subindex, msg);
     else
         handleUnmatchedResponse(object, msg);
@@ -276,8 +299,8 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
                                                           unsigned char subindex, const CAN::CanRxMessage &msg)
 {
     const SDOEntryKey object(node, index, subindex);
-    const auto pending = mPendingEntries.constFind(object);
-    if (pending == mPendingEntries.constEnd())
+    const Request *const pending = mObjects->pendingRequest(object);
+    if (!pending)
         return handleUnmatchedResponse(object, msg);
 
     const Request request = *pending; // a copy, since the table may be reset by a slot below
@@ -289,7 +312,7 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
     bool ok = false;
     const qint64 value = SDOHelper::getExpeditedRawValue(msg.mFrame, ok);
     if (ok) {
-        SDOEntryValue read = answeredValue(request.time, request.msgNumber, msg, QVariant(value));
+        SDOEntryValue read = answeredValue(request.time, request.msgNumber, msg, QVariant(value), false);
         if (found) {
             read.reqMsgNumber = found->requestMsgNumber; // of the request that made the entry, not of this one
             found->values.append(read);
@@ -297,8 +320,7 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
         if (!reportValue(object, read))
             return;
     }
-    addFinishedEntry(object, request);
-    mPendingEntries.remove(object);
+    mObjects->finish(object, request.time);
 }
 
 void SDOMessageHandler::handleUnmatchedResponse(const SDO::SDOEntryKey &key, const CAN::CanRxMessage &msg)
@@ -309,26 +331,12 @@ void SDOMessageHandler::handleUnmatchedResponse(const SDO::SDOEntryKey &key, con
 
 // ---- entry tables ------------------------------------------------------------------------------------------------------
 
-SDO::SDOEntry SDOMessageHandler::entryOf(const SDO::SDOEntryKey &object, const Request &request)
-{
-    SDOEntry entry(object);
-    entry.requestTime = request.time;
-    entry.requestMsgNumber = request.msgNumber;
-    entry.value = valueOf(request.written);
-    return entry;
-}
-
 QHash<SDO::SDOEntryKey, SDO::SDOEntry> SDOMessageHandler::pendingSDOEntryList() const
 {
     QHash<SDOEntryKey, SDOEntry> entries;
-    for (auto pending = mPendingEntries.constBegin(); pending != mPendingEntries.constEnd(); ++pending)
-        entries.insert(pending.key(), entryOf(pending.key(), *pending));
+    mObjects->forEachPending(
+        [&](const SDOEntryKey &object, const Request &request) { entries.insert(object, entryOf(object, request)); });
     return entries;
-}
-
-void SDOMessageHandler::addFinishedEntry(const SDO::SDOEntryKey &object, const Request &request)
-{
-    mFinishedEntries.insert(object, request.time); // replaces the entry of the same object
 }
 
 /// The found entry of the object of \a model, made from \a model when there is none yet.
@@ -356,8 +364,12 @@ void SDOMessageHandler::listAndReportError(const CAN::CanRxMessage &msg, CANopen
 bool SDOMessageHandler::reportValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value)
 {
     const quint32 resets = mResetCount;
-    Q_EMIT newValue(object.node, object.index, object.subindex, value.value, value.reqTime, value.respTime,
-                    value.canMsgNumber, value.wasSDOWrite);
+    ValueReceiver *const only = mOnlyReceiver;
+    if (only && !signalsBlocked())
+        only->takeValue(object, value);
+    else
+        Q_EMIT newValue(object.node, object.index, object.subindex, value.value, value.reqTime, value.respTime,
+                        value.canMsgNumber, value.wasSDOWrite);
     return mResetCount == resets;
 }
 

@@ -14,11 +14,14 @@
 #include <QVariant>
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <optional>
 
 class ByteBudget;
 class GuestLock;
+class ObjectTable;
+class ValueReceiver;
 
 /// Follows the SDO conversations on one CAN line: fed with the received frames in recording order, it pairs each request with
 /// its answer and reports every transferred value, every frame that breaks the protocol, and nodes that answer more than
@@ -83,6 +86,17 @@ public:
     /// guest. Without it the check takes no lock.
     void setGuestLock(std::shared_ptr<GuestLock> lock);
 
+    /// For the library's own loop, which has connected newValue(): as long as nobody connects to a signal of this handler or
+    /// disconnects from one from now on, \a receiver is called in its place, which comes to the same in a third of the time.
+    /// Not owned; must live as long as frames are fed.
+    Q_DECL_HIDDEN void setOnlyReceiver(ValueReceiver *receiver);
+
+    // For the library's own loop, which has classified the frame: what handleCANMessage() does with an SDO_REQ, an SDO_RES and
+    // an SDO abort of either type
+    Q_DECL_HIDDEN void handleC2SMessage(const CAN::CanRxMessage &msg);
+    Q_DECL_HIDDEN void handleS2CMessage(const CAN::CanRxMessage &msg);
+    Q_DECL_HIDDEN void handleAbortMessage(const CAN::CanRxMessage &msg, CANopen::MessageType type);
+
 Q_SIGNALS:
     /// An expedited or segmented transfer finished with a value; emitted once for each, in the order in which they finish.
     /// \a value is a qlonglong for an expedited transfer and a QByteArray for a segmented one; it is null when a server
@@ -98,25 +112,17 @@ Q_SIGNALS:
     /// last repeated answer, 0 when there was none.
     void sigMultipleNodesDetected(unsigned char nodeId, unsigned char count, unsigned int lastMsgNumber);
 
+protected:
+    void connectNotify(const QMetaMethod &signal) override;
+    void disconnectNotify(const QMetaMethod &signal) override;
+
 private Q_SLOTS:
     void checkNodeCount();
 
 private:
-    /// What is kept of a request that waits for its answer.
-    struct Request
-    {
-        CanTimeStamp time;
-        quint32 msgNumber = 0;
-        std::optional<qint64> written; // the value of an expedited download request
-    };
     /// By node-ID as SDO frames give it: one step to what a frame belongs to.
     template<typename T>
     using PerNode = std::array<T, 256>;
-
-    // Routing
-    void handleC2SMessage(const CAN::CanRxMessage &msg);
-    void handleS2CMessage(const CAN::CanRxMessage &msg);
-    void handleAbortMessage(const CAN::CanRxMessage &msg, CANopen::MessageType type);
 
     // Initiate frames and expedited transfers
     void handleDownloadInitRequest(const CAN::CanRxMessage &msg);
@@ -146,6 +152,8 @@ private:
     void segmentedDownloadError(unsigned char node, quint32 msgNumber);
     void segmentedUploadError(unsigned char node, quint32 msgNumber);
     bool reportSegmentedValue(const SDOSegmentedTransferAnalyzer &analyzer, unsigned char node, bool wasSDOWrite);
+    SDOSegmentedDownloadAnalyzer &followDownload(const SDO::SDOEntryKey &object, double time);
+    SDOSegmentedUploadAnalyzer &followUpload(const SDO::SDOEntryKey &object, double time);
     void endDownload(unsigned char node);
     void endUpload(unsigned char node);
 
@@ -167,8 +175,6 @@ private:
     void scheduleNodeCountCheck();
 
     // Entry tables
-    static SDO::SDOEntry entryOf(const SDO::SDOEntryKey &object, const Request &request);
-    void addFinishedEntry(const SDO::SDOEntryKey &object, const Request &request);
     SDO::SDOEntry &foundEntry(const SDO::SDOEntry &model);
 
     // Reports. A slot may call back: afterwards nothing found before (analyzer, iterator, reference) is used, and a false
@@ -181,14 +187,14 @@ private:
     // Set once, then only read
     [[maybe_unused]] QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // not owned
     std::shared_ptr<GuestLock> mGuestLock;
+    std::atomic<ValueReceiver *> mOnlyReceiver{
+        nullptr}; // not owned; null as soon as others may be connected, in any thread
     const std::unique_ptr<ByteBudget> mSegmentBudget;
     const std::unique_ptr<ByteBudget> mBlockBudget;
 
     // What was seen
-    // Requests waiting for their answer
-    QHash<SDO::SDOEntryKey, Request> mPendingEntries;
-    // The last answered expedited transfer of each object: the time of its request
-    QHash<SDO::SDOEntryKey, CanTimeStamp> mFinishedEntries;
+    // Requests that wait for their answer, and the last answered expedited transfer of each object
+    const std::unique_ptr<ObjectTable> mObjects;
     // Every value of every finished transfer, while those are kept
     QHash<SDO::SDOEntryKey, SDO::SDOEntry> mFoundEntries;
     // Devices answering under a node-ID, as last established (0: not yet) and as last reported
@@ -197,6 +203,9 @@ private:
     // At most one running transfer per node and direction
     PerNode<std::unique_ptr<SDOSegmentedDownloadAnalyzer>> mSegmentedDownloads;
     PerNode<std::unique_ptr<SDOSegmentedUploadAnalyzer>> mSegmentedUploads;
+    // The analyzers of the transfers that ended last, for the next ones
+    std::unique_ptr<SDOSegmentedDownloadAnalyzer> mSpareDownload;
+    std::unique_ptr<SDOSegmentedUploadAnalyzer> mSpareUpload;
     PerNode<std::optional<CANopen::SDODef::SDOBlockTransfer>> mBlockTransfers; // of the nodes seen
     QList<unsigned int> mProtocolErrors;
     bool mKeepFinishedTransfers = false;

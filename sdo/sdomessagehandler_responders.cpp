@@ -10,6 +10,7 @@
 
 #include "sdo/sdomessagehandler.h"
 
+#include "sdo/objecttable_p.h"
 #include "support/guestlock_p.h"
 
 #include <QTimer>
@@ -26,8 +27,8 @@ constexpr int nodeCountCheckDelayMs = 20; // of real time
 bool SDOMessageHandler::checkForMultipleResponse(unsigned char node, unsigned short index, unsigned char subindex,
                                                  const CAN::CanRxMessage &msg)
 {
-    const auto finished = mFinishedEntries.constFind(SDOEntryKey(node, index, subindex));
-    if (finished == mFinishedEntries.constEnd())
+    const std::optional<CanTimeStamp> finished = mObjects->finishedRequest(SDOEntryKey(node, index, subindex));
+    if (!finished)
         return false;
     if (msg.mTimeStamp.toMsecs() - finished->toMsecs() > repeatIntervalMs) {
         removeFinishedSDOEntry(node, index, subindex);
@@ -41,7 +42,7 @@ bool SDOMessageHandler::checkForMultipleResponse(unsigned char node, unsigned sh
 
 void SDOMessageHandler::removeFinishedSDOEntry(unsigned char node, unsigned short index, unsigned char subindex)
 {
-    mFinishedEntries.remove(SDOEntryKey(node, index, subindex));
+    mObjects->forgetFinished(SDOEntryKey(node, index, subindex));
     setBackNodeCount(node);
 }
 

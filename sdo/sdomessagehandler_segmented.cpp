@@ -31,12 +31,10 @@ void SDOMessageHandler::handleDLSegmentedInitRequest(const CAN::CanRxMessage &ms
     if (mSegmentedDownloads[node])
         return listAndReportError(msg, PE_DownloadRunning);
 
-    std::unique_ptr<SDOSegmentedDownloadAnalyzer> &analyzer = mSegmentedDownloads[node];
-    analyzer = std::make_unique<SDOSegmentedDownloadAnalyzer>(node, SDOHelper::getIndexOfSDOMessage(msg.mFrame),
-                                                              SDOHelper::getSubindexOfSDOMessage(msg.mFrame),
-                                                              msg.mTimeStamp.toDouble());
-    analyzer->setByteBudget(mSegmentBudget.get());
-    handleSegmentedDownloadResult(analyzer->handleNewMessage(Transfer::SMT_InitRequest, msg), node, msg.mMessageNumber);
+    const SDOEntryKey object(node, SDOHelper::getIndexOfSDOMessage(msg.mFrame),
+                             SDOHelper::getSubindexOfSDOMessage(msg.mFrame));
+    SDOSegmentedDownloadAnalyzer &analyzer = followDownload(object, msg.mTimeStamp.toDouble());
+    handleSegmentedDownloadResult(analyzer.handleNewMessage(Transfer::SMT_InitRequest, msg), node, msg.mMessageNumber);
 }
 
 void SDOMessageHandler::handleUploadSegmentedInitResponse(unsigned char node, unsigned short index,
@@ -45,10 +43,8 @@ void SDOMessageHandler::handleUploadSegmentedInitResponse(unsigned char node, un
     if (mSegmentedUploads[node])
         return listAndReportError(msg, PE_UnexpectedResponse);
 
-    std::unique_ptr<SDOSegmentedUploadAnalyzer> &analyzer = mSegmentedUploads[node];
-    analyzer = std::make_unique<SDOSegmentedUploadAnalyzer>(node, index, subindex, msg.mTimeStamp.toDouble());
-    analyzer->setByteBudget(mSegmentBudget.get());
-    handleSegmentedUploadResult(analyzer->handleNewMessage(Transfer::SMT_InitResponse, msg), node, msg.mMessageNumber);
+    SDOSegmentedUploadAnalyzer &analyzer = followUpload(SDOEntryKey(node, index, subindex), msg.mTimeStamp.toDouble());
+    handleSegmentedUploadResult(analyzer.handleNewMessage(Transfer::SMT_InitResponse, msg), node, msg.mMessageNumber);
 }
 
 // ---- segments ----------------------------------------------------------------------------------------------------------
@@ -163,12 +159,46 @@ void SDOMessageHandler::segmentedUploadError(unsigned char node, quint32 msgNumb
         endUpload(node);
 }
 
+// ---- analyzers ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Sets an analyzer on a transfer: the spare one, or a new one when that is in use.
+template<typename Analyzer>
+Analyzer &follow(std::unique_ptr<Analyzer> &analyzer, std::unique_ptr<Analyzer> &spare, ByteBudget *budget,
+                 const SDOEntryKey &object, double time)
+{
+    analyzer = spare ? std::move(spare) : std::make_unique<Analyzer>();
+    analyzer->setByteBudget(budget);
+    analyzer->followTransfer(object.node, object.index, object.subindex, time);
+    return *analyzer;
+}
+
+template<typename Analyzer>
+void end(std::unique_ptr<Analyzer> &analyzer, std::unique_ptr<Analyzer> &spare)
+{
+    analyzer->dropTransfer();
+    spare = std::move(analyzer);
+}
+
+} // namespace
+
+SDOSegmentedDownloadAnalyzer &SDOMessageHandler::followDownload(const SDO::SDOEntryKey &object, double time)
+{
+    return follow(mSegmentedDownloads[object.node], mSpareDownload, mSegmentBudget.get(), object, time);
+}
+
+SDOSegmentedUploadAnalyzer &SDOMessageHandler::followUpload(const SDO::SDOEntryKey &object, double time)
+{
+    return follow(mSegmentedUploads[object.node], mSpareUpload, mSegmentBudget.get(), object, time);
+}
+
 void SDOMessageHandler::endDownload(unsigned char node)
 {
-    mSegmentedDownloads[node].reset();
+    end(mSegmentedDownloads[node], mSpareDownload);
 }
 
 void SDOMessageHandler::endUpload(unsigned char node)
 {
-    mSegmentedUploads[node].reset();
+    end(mSegmentedUploads[node], mSpareUpload);
 }

@@ -8,7 +8,7 @@ SDOSegmentedDownloadAnalyzer::SDOSegmentedDownloadAnalyzer(quint8 node, quint16 
                                                            QObject *parent)
     : SDOSegmentedTransferAnalyzer(node, index, subindex, time, parent)
 {
-    mState = TS_WaitForInitResponse;
+    mTransfer.state = TS_WaitForInitResponse;
 }
 
 SDOSegmentedDownloadAnalyzer::~SDOSegmentedDownloadAnalyzer() = default;
@@ -16,7 +16,7 @@ SDOSegmentedDownloadAnalyzer::~SDOSegmentedDownloadAnalyzer() = default;
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleNewMessage(SegMsgType type,
                                                                                     const CAN::CanRxMessage &msg)
 {
-    mLastError = ErrorType::ET_Undefined;
+    mTransfer.lastError = ErrorType::ET_Undefined;
     switch (type) {
     case SMT_InitRequest:
         return handleInitRequest(msg);
@@ -33,56 +33,56 @@ SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleNewMess
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleInitRequest(const CAN::CanRxMessage &msg)
 {
     announceSize(msg.mFrame);
-    mInitMsgNumber = msg.mMessageNumber;
+    mTransfer.initMsgNumber = msg.mMessageNumber;
     return Result::Running;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleInitResponse(const CAN::CanRxMessage &msg)
 {
-    if (mState != TS_WaitForInitResponse)
+    if (mTransfer.state != TS_WaitForInitResponse)
         return refuse(ErrorType::ET_FaultyState);
-    if (SDOHelper::getIndexOfSDOMessage(msg.mFrame) != mIndex
-        || SDOHelper::getSubindexOfSDOMessage(msg.mFrame) != mSubindex)
+    if (SDOHelper::getIndexOfSDOMessage(msg.mFrame) != mTransfer.index
+        || SDOHelper::getSubindexOfSDOMessage(msg.mFrame) != mTransfer.subindex)
         return refuse(ErrorType::ET_ObjectMismatch);
 
-    mState = TS_WaitForSegReq;
+    mTransfer.state = TS_WaitForSegReq;
     return Result::Running;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleSegReq(const CAN::CanRxMessage &msg)
 {
-    if (mState != TS_WaitForSegReq)
+    if (mTransfer.state != TS_WaitForSegReq)
         return refuse(ErrorType::ET_Undefined);
-    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mRequestToggle)
+    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mTransfer.requestToggle)
         return refuse(ErrorType::ET_ToggleBitError);
     if (!appendSegment(msg.mFrame))
         return refuse(ErrorType::ET_SizeError);
 
-    mState = TS_WaitForSegRes;
-    mRequestToggle = mResponseToggle ^ 1;
+    mTransfer.state = TS_WaitForSegRes;
+    mTransfer.requestToggle = mTransfer.responseToggle ^ 1;
     if (SDOHelper::lastSegmentBitOfCanMsg(msg.mFrame))
-        mLastSegmentSeen = true;
+        mTransfer.lastSegmentSeen = true;
     return Result::Running;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::handleSegRes(const CAN::CanRxMessage &msg)
 {
-    if (mState != TS_WaitForSegRes)
+    if (mTransfer.state != TS_WaitForSegRes)
         return refuse(ErrorType::ET_Undefined);
-    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mResponseToggle)
+    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mTransfer.responseToggle)
         return refuse(ErrorType::ET_ToggleBitError);
-    if (mLastSegmentSeen) {
-        const bool complete = mAnnouncedSize != 0 && quint32(mTransferData.size()) == mAnnouncedSize;
+    if (mTransfer.lastSegmentSeen) {
+        const bool complete = mTransfer.announcedSize != 0 && quint32(mTransfer.data.size()) == mTransfer.announcedSize;
         return complete ? finish(msg) : refuse(ErrorType::ET_SizeError);
     }
 
-    mState = TS_WaitForSegReq;
-    mResponseToggle ^= 1;
+    mTransfer.state = TS_WaitForSegReq;
+    mTransfer.responseToggle ^= 1;
     return Result::Running;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedDownloadAnalyzer::refuse(ErrorType error)
 {
-    mLastError = error;
+    mTransfer.lastError = error;
     return Result::Error;
 }

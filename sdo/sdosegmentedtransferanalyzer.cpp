@@ -10,14 +10,29 @@ SDOSegmentedTransferAnalyzer::SDOSegmentedTransferAnalyzer(QObject *parent) : QO
 
 SDOSegmentedTransferAnalyzer::SDOSegmentedTransferAnalyzer(quint8 node, quint16 index, quint8 subindex, double time,
                                                            QObject *parent)
-    : QObject(parent), mNode(node), mIndex(index), mSubindex(subindex), mInitTime(time)
+    : QObject(parent), mTransfer{node, index, subindex, time}
 {
 }
 
 SDOSegmentedTransferAnalyzer::~SDOSegmentedTransferAnalyzer()
 {
+    dropTransfer();
+}
+
+void SDOSegmentedTransferAnalyzer::followTransfer(quint8 node, quint16 index, quint8 subindex, double time)
+{
+    mTransfer.node = node;
+    mTransfer.index = index;
+    mTransfer.subindex = subindex;
+    mTransfer.initTime = time;
+    mTransfer.state = TS_WaitForInitResponse;
+}
+
+void SDOSegmentedTransferAnalyzer::dropTransfer()
+{
     if (mBudget)
-        mBudget->give(mTransferData.size());
+        mBudget->give(mTransfer.data.size());
+    mTransfer = Transfer();
 }
 
 void SDOSegmentedTransferAnalyzer::setByteBudget(ByteBudget *budget)
@@ -28,7 +43,7 @@ void SDOSegmentedTransferAnalyzer::setByteBudget(ByteBudget *budget)
 void SDOSegmentedTransferAnalyzer::announceSize(const CAN::CanMessage &initiate)
 {
     if (SDOHelper::sizeIndicatedBitOfCanMsg(initiate))
-        mAnnouncedSize = SDOHelper::sizeOfSegmentedTransfer(initiate);
+        mTransfer.announcedSize = SDOHelper::sizeOfSegmentedTransfer(initiate);
 }
 
 bool SDOSegmentedTransferAnalyzer::appendSegment(const CAN::CanMessage &segment)
@@ -37,15 +52,15 @@ bool SDOSegmentedTransferAnalyzer::appendSegment(const CAN::CanMessage &segment)
     const int wanted = segmentBytes - SDOHelper::segmentedBytesWithoutData(segment);
     const int bytes = std::max(0, std::min(wanted, segment.mDataLength - 1));
     const bool fits =
-        mBudget ? mBudget->take(bytes) : mTransferData.size() + bytes <= SDOMessageHandler::maxCollectedBytes;
+        mBudget ? mBudget->take(bytes) : mTransfer.data.size() + bytes <= SDOMessageHandler::maxCollectedBytes;
     if (fits)
-        mTransferData.append(reinterpret_cast<const char *>(segment.mPayload) + 1, bytes);
+        mTransfer.data.append(reinterpret_cast<const char *>(segment.mPayload) + 1, bytes);
     return fits;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedTransferAnalyzer::finish(const CAN::CanRxMessage &msg)
 {
-    mLastResponseTime = msg.mTimeStamp.toDouble();
-    mLastMsgNumber = msg.mMessageNumber;
+    mTransfer.lastResponseTime = msg.mTimeStamp.toDouble();
+    mTransfer.lastMsgNumber = msg.mMessageNumber;
     return Result::Finished;
 }

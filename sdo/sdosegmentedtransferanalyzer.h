@@ -12,7 +12,7 @@ class ByteBudget;
 /// Follows one segmented SDO transfer (CiA 301, SDO download segment and SDO upload segment) of one node, frame by frame. The
 /// tables of the two directions stand with SDOSegmentedDownloadAnalyzer and SDOSegmentedUploadAnalyzer.
 ///
-/// An analyzer only observes; it never times out, and after Finished or Error it is not used again.
+/// An analyzer only observes; it never times out, and after Finished or Error it takes no more frames.
 /// Owner: the SDOMessageHandler that created it. Threads: that of its owner.
 class CANOPENANALYSIS_EXPORT SDOSegmentedTransferAnalyzer : public QObject
 {
@@ -67,21 +67,27 @@ public:
     virtual Result handleNewMessage(SegMsgType type, const CAN::CanRxMessage &msg) = 0;
 
     /// The payload collected so far, in transfer order. A copy.
-    QByteArray transferData() const { return mTransferData; }
+    QByteArray transferData() const { return mTransfer.data; }
     /// Index of the object; 0 without one.
-    quint16 index() const { return mIndex; }
+    quint16 index() const { return mTransfer.index; }
     /// Subindex of the object; 0 without one.
-    quint8 subindex() const { return mSubindex; }
+    quint8 subindex() const { return mTransfer.subindex; }
     /// The time given at construction, in seconds.
-    double initRequestTime() const { return mInitTime; }
+    double initRequestTime() const { return mTransfer.initTime; }
     /// Time in seconds of the frame that finished the transfer; 0 before that.
-    double lastResponseTime() const { return mLastResponseTime; }
+    double lastResponseTime() const { return mTransfer.lastResponseTime; }
     /// Message number of the frame that finished the transfer; 0 before that.
-    quint32 lastMessageNumber() const { return mLastMsgNumber; }
+    quint32 lastMessageNumber() const { return mTransfer.lastMsgNumber; }
     /// Message number of the initiate download request; 0 for an upload.
-    quint32 getInitMsgNumber() const { return mInitMsgNumber; }
+    quint32 getInitMsgNumber() const { return mTransfer.initMsgNumber; }
     /// Why the last frame failed. Recorded for downloads only; an upload stays at ET_None.
-    ErrorType lastError() const { return mLastError; }
+    ErrorType lastError() const { return mTransfer.lastError; }
+
+    /// For the handler, which uses an analyzer again since making one takes longer than most transfers: from now on like one
+    /// constructed with these arguments, but for the budget, which it keeps. Requires: it is without an object.
+    Q_DECL_HIDDEN void followTransfer(quint8 node, quint16 index, quint8 subindex, double time);
+    /// For the handler: back to an analyzer without an object. The bytes collected are given back.
+    Q_DECL_HIDDEN void dropTransfer();
 
     /// For the handler: the bound on the bytes that all its transfers collect. \a budget must outlive the analyzer. Without
     /// one the analyzer's own bytes are bounded alike.
@@ -95,20 +101,25 @@ protected:
     /// Notes the frame that ended the transfer.
     Result finish(const CAN::CanRxMessage &msg);
 
-    ErrorType mLastError = ErrorType::ET_None; ///< see lastError()
-    TransferState mState = TS_Unitialized;     ///< where the conversation stands
-    bool mLastSegmentSeen = false;             ///< the download client's segment with c = 1 was accepted
-    quint32 mAnnouncedSize = 0;                ///< bytes; 0 when no size was indicated
-    quint8 mNode = 0;                          ///< node-ID of the server
-    quint16 mIndex = 0;                        ///< see index()
-    quint8 mSubindex = 0;                      ///< see subindex()
-    QByteArray mTransferData{""};              ///< see transferData(); never null: no bytes are a value, too
-    double mInitTime = 0.0;                    ///< see initRequestTime()
-    double mLastResponseTime = 0.0;            ///< see lastResponseTime()
-    quint32 mInitMsgNumber = 0;                ///< see getInitMsgNumber()
-    quint32 mLastMsgNumber = 0;                ///< see lastMessageNumber()
-    quint8 mRequestToggle = 0;                 ///< expected in the next segment request
-    quint8 mResponseToggle = 0;                ///< expected in the next segment response
+    /// What is known of one transfer.
+    struct Transfer
+    {
+        quint8 node = 0;                          ///< node-ID of the server
+        quint16 index = 0;                        ///< see index()
+        quint8 subindex = 0;                      ///< see subindex()
+        double initTime = 0.0;                    ///< see initRequestTime()
+        TransferState state = TS_Unitialized;     ///< where the conversation stands
+        ErrorType lastError = ErrorType::ET_None; ///< see lastError()
+        quint8 requestToggle = 0;                 ///< expected in the next segment request
+        quint8 responseToggle = 0;                ///< expected in the next segment response
+        bool lastSegmentSeen = false;             ///< the download client's segment with c = 1 was accepted
+        quint32 announcedSize = 0;                ///< bytes; 0 when no size was indicated
+        QByteArray data{""};                      ///< see transferData(); never null: no bytes are a value, too
+        quint32 initMsgNumber = 0;                ///< see getInitMsgNumber()
+        double lastResponseTime = 0.0;            ///< see lastResponseTime()
+        quint32 lastMsgNumber = 0;                ///< see lastMessageNumber()
+    };
+    Transfer mTransfer; ///< the transfer that is followed
 
 private:
     ByteBudget *mBudget = nullptr; // the handler's

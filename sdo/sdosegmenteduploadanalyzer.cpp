@@ -8,7 +8,7 @@ SDOSegmentedUploadAnalyzer::SDOSegmentedUploadAnalyzer(quint8 node, quint16 inde
                                                        QObject *parent)
     : SDOSegmentedTransferAnalyzer(node, index, subindex, time, parent)
 {
-    mState = TS_WaitForInitResponse;
+    mTransfer.state = TS_WaitForInitResponse;
 }
 
 SDOSegmentedUploadAnalyzer::~SDOSegmentedUploadAnalyzer() = default;
@@ -31,36 +31,36 @@ SDOSegmentedTransferAnalyzer::Result SDOSegmentedUploadAnalyzer::handleNewMessag
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedUploadAnalyzer::handleInitResponse(const CAN::CanRxMessage &msg)
 {
-    if (mState != TS_WaitForInitResponse)
+    if (mTransfer.state != TS_WaitForInitResponse)
         return Result::Error;
 
-    mState = TS_WaitForSegReq;
+    mTransfer.state = TS_WaitForSegReq;
     announceSize(msg.mFrame);
     return Result::Running;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedUploadAnalyzer::handleSegReq(const CAN::CanRxMessage &msg)
 {
-    if (mState != TS_WaitForSegReq)
+    if (mTransfer.state != TS_WaitForSegReq)
         return Result::Error;
-    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mRequestToggle)
+    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mTransfer.requestToggle)
         return Result::Error;
 
-    mState = TS_WaitForSegRes;
-    mRequestToggle ^= 1;
+    mTransfer.state = TS_WaitForSegRes;
+    mTransfer.requestToggle ^= 1;
     return Result::Running;
 }
 
 SDOSegmentedTransferAnalyzer::Result SDOSegmentedUploadAnalyzer::handleSegRes(const CAN::CanRxMessage &msg)
 {
-    if (mState != TS_WaitForSegRes)
+    if (mTransfer.state != TS_WaitForSegRes)
         return Result::Error;
-    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mResponseToggle)
+    if (SDOHelper::toggleBitOfCanMsg(msg.mFrame) != mTransfer.responseToggle)
         return Result::Error;
     if (!appendSegment(msg.mFrame))
         return Result::Error;
 
-    mResponseToggle ^= 1;
-    mState = TS_WaitForSegReq;
+    mTransfer.responseToggle ^= 1;
+    mTransfer.state = TS_WaitForSegReq;
     return SDOHelper::lastSegmentBitOfCanMsg(msg.mFrame) ? finish(msg) : Result::Running;
 }

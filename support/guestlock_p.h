@@ -39,9 +39,8 @@ public:
     void admitGuests()
     {
         // mServing changes at the end of a turn only, and it is the loop's; who draws a ticket just now is seen a frame later.
-        if (mTickets.load(std::memory_order_relaxed) == mServing + 1)
-            return;
-        letGuestsIn();
+        if (Q_UNLIKELY(mTickets.load(std::memory_order_relaxed) != mServing + 1))
+            letGuestsIn();
     }
 
     // ---- the guests' side: any thread ------------------------------------------------------------------------------

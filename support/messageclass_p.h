@@ -47,11 +47,11 @@ inline bool isPdoIdentifier(quint32 id)
     return id >= firstPdo && id <= lastPdo;
 }
 
-/// Of a frame that is no 11-bit data frame.
-inline CANopen::MessageType ofOtherFrame(const CAN::CanMessage &frame)
+/// Whether the class is PDO; remote frames that ask for one are of that class, too.
+inline bool isProcessData(const CAN::CanMessage &frame)
 {
     constexpr quint8 noClass = CAN::CanMessage::ExtendedId | CAN::CanMessage::ErrorFrame;
-    return (frame.mFlags & noClass) == 0 && isPdoIdentifier(frame.mIdentifier) ? CANopen::PDO : CANopen::UNKNOWN;
+    return isPdoIdentifier(frame.mIdentifier) && (frame.mFlags & noClass) == 0;
 }
 
 inline CANopen::MessageType of(const CAN::CanMessage &frame, bool &isAbort)
@@ -60,7 +60,7 @@ inline CANopen::MessageType of(const CAN::CanMessage &frame, bool &isAbort)
         CAN::CanMessage::ExtendedId | CAN::CanMessage::RemoteRequest | CAN::CanMessage::ErrorFrame;
     const quint32 id = frame.mIdentifier;
     if (id >= identifierCount || (frame.mFlags & noDataFrame) != 0)
-        return ofOtherFrame(frame);
+        return isProcessData(frame) ? CANopen::PDO : CANopen::UNKNOWN;
 
     const auto type = static_cast<CANopen::MessageType>(table[id]);
     switch (type) {

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void guestsWaitForTheFrameInHand();
     void reanalyzeForgetsWhatWasLearnt();
     void missingModelStoreOrHandler();
+    void whoTakesAValue();
 
 private:
     /// Runs the loop while a story takes place, see story_data().
@@ -492,6 +493,15 @@ void TestWorker::missingModelStoreOrHandler()
         QCOMPARE(mWorker->calculateRating(), qint16(0));
         play("resume"); // ends at once
     }
+    const QList<CAN::CanRxMessage> everyKind =
+        frames("185\n080\n081\n705 05\n000 01 05\n100\n605 40 00 10\n585 43 00 10\n"
+               "585 80 00 10");
+    init();
+    mNetwork.reset(); // and its class map with it
+    for (const CAN::CanRxMessage &message : everyKind)
+        mWorker->handleMessage(message);
+    QVERIFY(mWorker->messageTypeDistribution().isEmpty());
+
     init();
     delete mWorker->sdoMessageHandler();
     mWorker->handleMessage(frame("605 40 00 10"));
@@ -508,6 +518,52 @@ void TestWorker::missingModelStoreOrHandler()
     mWorker->handleMessage(frame("185"));
     play("PDO 1, reset, resume");
     QVERIFY(mWorker->messageTypeDistribution().isEmpty());
+}
+
+// The worker takes the values past the signal as long as it is the only one connected; nobody may notice.
+void TestWorker::whoTakesAValue()
+{
+    QStringList taken;
+    const auto hear = [&] { taken += "listener"; };
+    using Connection = QMetaObject::Connection;
+    const struct
+    {
+        const char *name;
+        std::function<void(SDOMessageHandler &)> prepare;
+        QStringList takers;
+    } cases[] = {
+        {"the worker alone", [](auto &) {}, {"model"}},
+        {"a listener, after the worker",
+         [&](auto &handler) { connect(&handler, &SDOMessageHandler::newValue, hear); },
+         {"model", "listener"}},
+        {"a listener that has gone",
+         [&](auto &handler) {
+             const Connection listening = connect(&handler, &SDOMessageHandler::newValue, hear);
+             disconnect(listening);
+         },
+         {"model"}},
+        {"signals blocked", [](auto &handler) { handler.blockSignals(true); }, {}},
+        {"worker disconnected", [&](auto &handler) { disconnect(&handler, nullptr, mWorker.get(), nullptr); }, {}},
+        {"everybody disconnected", [](auto &handler) { handler.disconnect(); }, {}},
+        {"emitted by somebody else",
+         [](auto &handler) {
+             handler.newValue(5, 0x1000, 0, QVariant(1), 0.0, 0.0, 0, false);
+             handler.blockSignals(true);
+         },
+         {"model"}},
+    };
+    for (const auto &[name, prepare, takers] : cases) {
+        init();
+        taken.clear();
+        mNetwork->inCall = [&](const QString &call) {
+            if (call.startsWith("value"))
+                taken += "model";
+        };
+        prepare(*mWorker->findChild<SDOMessageHandler *>());
+        for (const CAN::CanRxMessage &message : frames("605 40 00 10\n585 43 00 10 00 01"))
+            mWorker->handleMessage(message);
+        QVERIFY2(taken == takers, qPrintable(name + (": " + taken.join(", "))));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestWorker)

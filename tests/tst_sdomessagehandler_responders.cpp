@@ -48,6 +48,10 @@ void TestResponders::conversation_data()
         585  60 00 10 00 00 00 00 00 => devices 5 x2 last 6)");
     QTest::newRow("repeated answer that opens a segmented upload counts as well") << read + QByteArray(R"(
         585  41 00 10 00 0A 00 00 00 => devices 5 x2 last 3)");
+    QTest::newRow("an abort ends the request that waits, not what was answered before") << read + QByteArray(R"(
+        605  40 00 10 00 00 00 00 00
+        605  80 00 10 00 00 00 04 05
+        585  43 00 10 00 02 00 00 00 => devices 5 x2 last 5)");
     QTest::newRow("another object was not answered yet") << read + QByteArray(R"(
         585  43 01 10 00 02 00 00 00 => error 0, listed)");
     QTest::newRow("segmented transfers take no part") << QByteArray(R"(
