@@ -186,7 +186,7 @@ Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::pass(CAN::CanRxMessage &buffe
     if (Q_UNLIKELY(!store->getMessageOfLine(buffer, line, mLinePosition)))
         return idle(pauseState, live);
     ++mLinePosition;
-    return analyzeFetched(buffer, network);
+    return analyzeFetched(buffer);
 }
 
 bool CANopenNetworkAnalyzerWorker::sleepWhilePaused()
@@ -194,30 +194,26 @@ bool CANopenNetworkAnalyzerWorker::sleepWhilePaused()
     return serveEvents(pauseSleepMs, 0) && mRunning;
 }
 
-Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame,
-                                                                  CANopenNetwork *network)
+Q_ALWAYS_INLINE bool CANopenNetworkAnalyzerWorker::analyzeFetched(const CAN::CanRxMessage &frame)
 {
-    if (Q_UNLIKELY(mLinePosition % framesPerEventPoint == 0))
-        return analyzeAfterEvents(frame);
-    analyzeFrame(frame, network);
+    const quint32 restarts = mRestarts;
+    if (Q_UNLIKELY(mLinePosition % framesPerEventPoint == 0) && !serveEvents(0, 0))
+        return false;
+
+    CANopenNetwork *const network = mNetwork;
+    if (Q_UNLIKELY(restarts != mRestarts))
+        return mRunning;
+    if (Q_LIKELY(network))
+        analyzeFrame(frame, network);
+    else
+        noteMissingModel();
     return mRunning;
 }
 
-/// The frame is dropped when the events start the analysis over.
-bool CANopenNetworkAnalyzerWorker::analyzeAfterEvents(const CAN::CanRxMessage &frame)
+void CANopenNetworkAnalyzerWorker::noteMissingModel()
 {
-    const quint32 restarts = mRestarts;
-    if (!serveEvents(0, 0))
-        return false;
-    if (restarts == mRestarts) {
-        if (CANopenNetwork *const network = mNetwork) {
-            analyzeFrame(frame, network);
-        } else {
-            qDebug() << "void CANopenNetworkAnalyzerWorker::analyze()"
-                     << "Line:" << 171 << "¯\\_(ツ)_/¯";
-        }
-    }
-    return mRunning;
+    qDebug() << "void CANopenNetworkAnalyzerWorker::analyze()"
+             << "Line:" << 171 << "¯\\_(ツ)_/¯";
 }
 
 bool CANopenNetworkAnalyzerWorker::idle(quint32 pauseState, bool wasLive)

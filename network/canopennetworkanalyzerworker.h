@@ -112,19 +112,19 @@ private:
     // The road of one frame, compiled into one function. The boolean ones tell whether the loop goes on.
     Q_NEVER_INLINE void analyzeFrames();
     Q_DECL_HIDDEN bool pass(CAN::CanRxMessage &buffer);
-    Q_DECL_HIDDEN bool analyzeFetched(const CAN::CanRxMessage &frame, CANopenNetwork *network);
+    Q_DECL_HIDDEN bool analyzeFetched(const CAN::CanRxMessage &frame);
     Q_DECL_HIDDEN void analyzeFrame(const CAN::CanRxMessage &frame, CANopenNetwork *network);
     Q_DECL_HIDDEN void classify(const CAN::CanRxMessage &frame);
     Q_DECL_HIDDEN void count(CANopen::MessageType type);
 
     // Off the road, and not compiled into it
     Q_NEVER_INLINE bool sleepWhilePaused();
-    Q_NEVER_INLINE bool analyzeAfterEvents(const CAN::CanRxMessage &frame);
+    Q_NEVER_INLINE void noteMissingModel();
     Q_NEVER_INLINE bool idle(quint32 pauseState, bool wasLive);
     Q_NEVER_INLINE bool handleRescuedFrames();
     Q_NEVER_INLINE void dispatch(const CAN::CanRxMessage &frame, CANopenNetwork *network);
     Q_NEVER_INLINE void endForGood();
-    bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
+    Q_NEVER_INLINE bool serveEvents(unsigned long sleepBeforeMs, unsigned long sleepAfterUs);
 
     void rescueUnreadFrames();
     void handleSdoRequest(const CAN::CanRxMessage &frame);

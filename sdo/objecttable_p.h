@@ -6,6 +6,7 @@
 #include <array>
 #include <optional>
 #include <unordered_map>
+#include <vector>
 
 /// The objects that an SDO analysis knows something of: the request that waits for its answer, the last answered expedited
 /// transfer.
@@ -30,80 +31,83 @@ public:
     ObjectTable() = default;
     ~ObjectTable() = default;
 
+    /// Gives all memory back.
     void clear()
     {
-        mLatest.fill({});
-        mStates = {}; // clear() would keep the memory of the buckets
+        mLatest.fill(nullptr);
+        mPending = std::vector<Object *>(); // "= {}" would clear it and keep its memory
+        mObjects = Objects();               // the same
     }
 
     // ---- the request that waits ------------------------------------------------------------------------------------
 
     /// Null when none waits. Valid until the table is changed.
-    const Request *pendingRequest(const SDO::SDOEntryKey &object)
+    const Request *pendingRequest(const SDO::SDOEntryKey &key)
     {
-        const State *const state = find(object);
-        return state && state->isPending ? &state->request : nullptr;
+        const Object *const object = find(key);
+        return object && object->second.isPending() ? &object->second.request : nullptr;
     }
 
     /// Takes the place of a request that waits.
-    void setPending(const SDO::SDOEntryKey &object, const Request &request)
+    void setPending(const SDO::SDOEntryKey &key, const Request &request)
     {
-        State &state = at(object);
-        state.isPending = true;
-        state.request = request;
+        Object &object = at(key);
+        object.second.request = request;
+        startWaiting(object);
     }
 
     /// Whether one waited.
-    bool forgetPending(const SDO::SDOEntryKey &object)
+    bool forgetPending(const SDO::SDOEntryKey &key)
     {
-        State *const state = find(object);
-        if (!state || !state->isPending)
+        Object *const object = find(key);
+        if (!object || !object->second.isPending())
             return false;
-        state->isPending = false;
-        if (!state->isFinished)
-            erase(object);
+        stopWaiting(*object);
+        if (!object->second.isFinished)
+            erase(key);
         return true;
     }
 
-    /// Calls \a visit with each object and its request that waits, in no order.
+    /// Calls \a visit with the key of each object that has one, and the request, in no order.
     template<typename Visitor>
     void forEachPending(Visitor visit) const
     {
-        for (const auto &[word, state] : mStates) {
-            if (state.isPending)
-                visit(objectOf(word), state.request);
-        }
+        for (const Object *const object : mPending)
+            visit(keyOf(object->first), object->second.request);
     }
 
     // ---- the last answered transfer --------------------------------------------------------------------------------
 
     /// The time of its request.
-    std::optional<CanTimeStamp> finishedRequest(const SDO::SDOEntryKey &object)
+    std::optional<CanTimeStamp> finishedRequest(const SDO::SDOEntryKey &key)
     {
-        const State *const state = find(object);
-        return state && state->isFinished ? std::make_optional(state->finished) : std::nullopt;
+        const Object *const object = find(key);
+        return object && object->second.isFinished ? std::make_optional(object->second.finished) : std::nullopt;
     }
 
     /// An answer came: the transfer requested at \a requestTime is finished, none waits.
-    void finish(const SDO::SDOEntryKey &object, CanTimeStamp requestTime)
+    void finish(const SDO::SDOEntryKey &key, CanTimeStamp requestTime)
     {
-        State &state = at(object);
-        state.isPending = false;
-        state.isFinished = true;
-        state.finished = requestTime;
+        Object &object = at(key);
+        stopWaiting(object);
+        object.second.isFinished = true;
+        object.second.finished = requestTime;
     }
 
     /// Requires: none of its requests waits.
-    void forgetFinished(const SDO::SDOEntryKey &object) { erase(object); }
+    void forgetFinished(const SDO::SDOEntryKey &key) { erase(key); }
 
 private:
     // An object of which neither holds is not kept.
     struct State
     {
-        bool isPending = false;
+        static constexpr quint32 notPending = 0xFFFFFFFF;
+        quint32 place = notPending; // in mPending
         bool isFinished = false;
         CanTimeStamp finished;
         Request request;
+
+        bool isPending() const { return place != notPending; }
     };
     // Seeded, so that nobody who writes frames can choose which objects share a bucket.
     struct Hash
@@ -112,50 +116,68 @@ private:
         std::size_t operator()(quint32 word) const noexcept { return word ^ seed; }
         uint seed;
     };
-    struct Latest
-    {
-        quint32 word = 0;
-        State *state = nullptr; // null: unknown. Elements of the map stay where they are until they are erased.
-    };
+    // By key in one word, see wordOf(). An element stays where it is until it is erased.
+    using Objects = std::unordered_map<quint32, State, Hash>;
+    using Object = Objects::value_type;
 
-    // An object in one word: node (31…24), index (23…8), subindex (7…0).
-    static quint32 wordOf(const SDO::SDOEntryKey &object) { return qHash(object); }
-    static SDO::SDOEntryKey objectOf(quint32 word)
+    // node (31…24), index (23…8), subindex (7…0)
+    static quint32 wordOf(const SDO::SDOEntryKey &key) { return qHash(key); }
+    static SDO::SDOEntryKey keyOf(quint32 word)
     {
         return SDO::SDOEntryKey(quint8(word >> 24), quint16(word >> 8), quint8(word));
     }
 
-    State *find(const SDO::SDOEntryKey &object)
+    Object *find(const SDO::SDOEntryKey &key)
     {
-        const quint32 word = wordOf(object);
-        Latest &latest = mLatest[object.node];
-        if (latest.state && latest.word == word)
-            return latest.state;
-        const auto found = mStates.find(word);
-        if (found == mStates.end())
+        const quint32 word = wordOf(key);
+        Object *&latest = mLatest[key.node];
+        if (latest && latest->first == word)
+            return latest;
+        const auto found = mObjects.find(word);
+        if (found == mObjects.end())
             return nullptr;
-        latest = {word, &found->second};
-        return latest.state;
+        latest = &*found;
+        return latest;
     }
 
-    State &at(const SDO::SDOEntryKey &object)
+    Object &at(const SDO::SDOEntryKey &key)
     {
-        if (State *const state = find(object))
-            return *state;
-        const quint32 word = wordOf(object);
-        State &made = mStates[word];
-        mLatest[object.node] = {word, &made};
+        if (Object *const object = find(key))
+            return *object;
+        Object &made = *mObjects.try_emplace(wordOf(key)).first;
+        mLatest[key.node] = &made;
         return made;
     }
 
-    void erase(const SDO::SDOEntryKey &object)
+    void erase(const SDO::SDOEntryKey &key)
     {
-        mLatest[object.node] = {};
-        mStates.erase(wordOf(object));
+        mLatest[key.node] = nullptr;
+        mObjects.erase(wordOf(key));
     }
 
-    std::unordered_map<quint32, State, Hash> mStates;
-    std::array<Latest, 256> mLatest{}; // of each node
+    void startWaiting(Object &object)
+    {
+        if (object.second.isPending())
+            return;
+        mPending.push_back(&object);
+        object.second.place = quint32(mPending.size() - 1);
+    }
+
+    // The last one takes the place.
+    void stopWaiting(Object &object)
+    {
+        const quint32 place = object.second.place;
+        if (place == State::notPending)
+            return;
+        mPending[place] = mPending.back();
+        mPending[place]->second.place = place;
+        mPending.pop_back();
+        object.second.place = State::notPending;
+    }
+
+    Objects mObjects;
+    std::vector<Object *> mPending;         // those with a request that waits, so that nobody has to look for them
+    std::array<Object *, 256> mLatest = {}; // of each node; null: not known
 };
 
 #endif // CANOPENANALYSIS_SDO_OBJECTTABLE_P_H

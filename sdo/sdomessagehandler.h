@@ -87,8 +87,8 @@ public:
     void setGuestLock(std::shared_ptr<GuestLock> lock);
 
     /// For the library's own loop, which has connected newValue(): as long as nobody connects to a signal of this handler or
-    /// disconnects from one from now on, \a receiver is called in its place, which comes to the same in a third of the time.
-    /// Not owned; must live as long as frames are fed.
+    /// disconnects from one from now on, \a receiver is called in its place, which comes to the same in a third of the time
+    /// (but for Qt's hook that lets debugging tools watch every emission). Not owned; must live as long as frames are fed.
     Q_DECL_HIDDEN void setOnlyReceiver(ValueReceiver *receiver);
 
     // For the library's own loop, which has classified the frame: what handleCANMessage() does with an SDO_REQ, an SDO_RES and

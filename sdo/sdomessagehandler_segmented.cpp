@@ -177,6 +177,8 @@ Analyzer &follow(std::unique_ptr<Analyzer> &analyzer, std::unique_ptr<Analyzer> 
 template<typename Analyzer>
 void end(std::unique_ptr<Analyzer> &analyzer, std::unique_ptr<Analyzer> &spare)
 {
+    if (!analyzer)
+        return;
     analyzer->dropTransfer();
     spare = std::move(analyzer);
 }

@@ -283,6 +283,7 @@ void TestWorker::story_data()
         "1-3", 0);
 
     row("model gone with a frame in hand", "PDO 5001, resume \n frame 1, then: drop model, shrug", "1-4999", -1);
+    row("model gone while a frame is fetched", "PDO 3, resume \n fetch 2: drop model, shrug", "1", -1);
     row("model gone while rescued frames are handled", "read, answer, PDO 1, clear, resume \n reported: drop model",
         "1-2", -1);
     row("store gone with a frame in hand", "PDO 5001, resume \n frame 1, then: drop store", "1-5000", 5000);
