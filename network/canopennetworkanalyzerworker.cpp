@@ -388,6 +388,7 @@ Q_ALWAYS_INLINE void CANopenNetworkAnalyzerWorker::count(CANopen::MessageType ty
         ++(*mMessageTypeDistribution)[type];
 }
 
+/// Frames of every class but PDO.
 void CANopenNetworkAnalyzerWorker::dispatch(const CAN::CanRxMessage &frame, CANopenNetwork *network)
 {
     bool isAbort = false;
@@ -403,8 +404,6 @@ void CANopenNetworkAnalyzerWorker::dispatch(const CAN::CanRxMessage &frame, CANo
         return handleSdoResponse(frame, network);
     case SDO_ABORT:
         return handleSdoAbort(frame, classified);
-    case PDO:
-        return; // dealt with before
     case SYNC:
         if (network)
             network->addSYNC(frame.mMessageNumber);

@@ -91,10 +91,11 @@ public:
     /// (but for Qt's hook that lets debugging tools watch every emission). Not owned; must live as long as frames are fed.
     Q_DECL_HIDDEN void setOnlyReceiver(ValueReceiver *receiver);
 
-    // For the library's own loop, which has classified the frame: what handleCANMessage() does with an SDO_REQ, an SDO_RES and
-    // an SDO abort of either type
+    /// For the library's own loop, which has classified the frame: what handleCANMessage() does with an SDO_REQ.
     Q_DECL_HIDDEN void handleC2SMessage(const CAN::CanRxMessage &msg);
+    /// As handleC2SMessage(), with an SDO_RES.
     Q_DECL_HIDDEN void handleS2CMessage(const CAN::CanRxMessage &msg);
+    /// As handleC2SMessage(), with an SDO abort in a frame of \a type. Emits nothing.
     Q_DECL_HIDDEN void handleAbortMessage(const CAN::CanRxMessage &msg, CANopen::MessageType type);
 
 Q_SIGNALS:
@@ -111,10 +112,6 @@ Q_SIGNALS:
     /// The number of devices that answer under \a nodeId changed to \a count. \a lastMsgNumber is the message number of the
     /// last repeated answer, 0 when there was none.
     void sigMultipleNodesDetected(unsigned char nodeId, unsigned char count, unsigned int lastMsgNumber);
-
-protected:
-    void connectNotify(const QMetaMethod &signal) override;
-    void disconnectNotify(const QMetaMethod &signal) override;
 
 private Q_SLOTS:
     void checkNodeCount();
@@ -176,6 +173,10 @@ private:
 
     // Entry tables
     SDO::SDOEntry &foundEntry(const SDO::SDOEntry &model);
+
+    // Somebody else than the only receiver listens, or it does no more
+    void connectNotify(const QMetaMethod &signal) override;
+    void disconnectNotify(const QMetaMethod &signal) override;
 
     // Reports. A slot may call back: afterwards nothing found before (analyzer, iterator, reference) is used, and a false
     // result tells that a slot has called reset(), so that nothing more of the frame in hand may be kept.

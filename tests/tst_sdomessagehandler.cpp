@@ -18,6 +18,8 @@ private Q_SLOTS:
     void resetInASlotLeavesNoTraceOfTheFrame_data();
     void resetInASlotLeavesNoTraceOfTheFrame();
     void slotsMayReadTheHandler();
+    void slotThatFeedsAFrameDoesNoHarm_data();
+    void slotThatFeedsAFrameDoesNoHarm();
     void resetGivesTheMemoryBack();
     void errorTypeIsKnownByName();
     void destructionIsLogged();
@@ -56,6 +58,19 @@ void TestSDOMessageHandler::conversation_data()
         585  60 00 10 02 00 00 00 00 => write 5 1000:02 = 42 asked 1ms
         pending => 5 1000:01 = null of 1
         585  43 00 10 01 03 00 00 00 => read 5 1000:01 = 3 asked 0ms)");
+    QTest::newRow("four requests, answered and aborted in any order, one sent twice") << QByteArray(R"(
+        605  40 00 10 01 00 00 00 00
+        605  40 00 10 02 00 00 00 00
+        605  40 00 10 01 00 00 00 00
+        605  40 00 10 03 00 00 00 00
+        605  40 00 10 04 00 00 00 00
+        605  80 00 10 01 00 00 04 05
+        pending => 5 1000:02 = null of 2, 5 1000:03 = null of 4, 5 1000:04 = null of 5
+        585  43 00 10 04 01 00 00 00 => read 5 1000:04 = 1 asked 4ms
+        pending => 5 1000:02 = null of 2, 5 1000:03 = null of 4
+        605  80 00 10 02 00 00 04 05
+        605  80 00 10 03 00 00 04 05
+        pending)");
     QTest::newRow("answers without a request") << QByteArray(R"(
         585  60 00 10 01 00 00 00 00 => error 0, listed
         585  43 00 10 01 00 00 00 00 => error 0, listed
@@ -224,6 +239,36 @@ void TestSDOMessageHandler::slotsMayReadTheHandler()
             585  09 41 42 43 00 00 00 00 | kept as well)"))
         sdo.feed(message);
     QCOMPARE(sizes, (QList<int>{1, 1, 0, 1, 0, 1, 1, 0, 1, 2, 2, 1}));
+}
+
+void TestSDOMessageHandler::slotThatFeedsAFrameDoesNoHarm_data()
+{
+    QTest::addColumn<QByteArray>("trace"); // the slot feeds its last frame once more
+
+    QTest::newRow("write") << QByteArray("605 23 00 10 00 2A\n585 60 00 10");
+    QTest::newRow("read") << QByteArray("605 40 00 10\n585 43 00 10 00 2A");
+    QTest::newRow("segmented write") << QByteArray("605 21 00 10 00 01\n585 60 00 10\n605 0D 41\n585 20");
+    QTest::newRow("segmented read") << QByteArray("605 40 00 10\n585 41 00 10 00 01\n605 60\n585 0D 41");
+}
+
+// It may not, see the class; but a host that does all the same must not crash.
+void TestSDOMessageHandler::slotThatFeedsAFrameDoesNoHarm()
+{
+    QFETCH(QByteArray, trace);
+    const QList<CAN::CanRxMessage> messages = frames(trace);
+    SDOMessageHandler handler(nullptr, nullptr);
+    int values = 0;
+    connect(&handler, &SDOMessageHandler::newValue, &handler, [&] {
+        if (++values == 1)
+            handler.handleCANMessage(messages.last());
+    });
+    for (const CAN::CanRxMessage &message : messages)
+        handler.handleCANMessage(message);
+    QVERIFY(values >= 1);
+    handler.reset();
+    for (const CAN::CanRxMessage &message : messages)
+        handler.handleCANMessage(message);
+    QVERIFY(values >= 2);
 }
 
 void TestSDOMessageHandler::resetGivesTheMemoryBack()
