@@ -71,10 +71,10 @@ class Q_DECL_HIDDEN CANopenNetworkAnalyzerWorker::Values : public ValueReceiver
 {
 public:
     explicit Values(CANopenNetworkAnalyzerWorker &worker) : mWorker(worker) {}
-    void takeValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value) override
+    void takeValue(const SDO::SDOEntryKey &object, SDO::SDOEntryValue &&value) override
     {
-        mWorker.newSDOValue(object.node, object.index, object.subindex, value.value, value.reqTime, value.respTime,
-                            value.canMsgNumber, value.wasSDOWrite);
+        mWorker.newSDOValue(object.node, object.index, object.subindex, std::move(value.value), value.reqTime,
+                            value.respTime, value.canMsgNumber, value.wasSDOWrite);
     }
 
 private:

@@ -36,7 +36,7 @@ public:
     {
         mLatest.fill(nullptr);
         mPending = std::vector<Object *>(); // "= {}" would clear it and keep its memory
-        mObjects = Objects();               // the same
+        mObjects = noObjects();
     }
 
     // ---- the request that waits ------------------------------------------------------------------------------------
@@ -120,6 +120,14 @@ private:
     using Objects = std::unordered_map<quint32, State, Hash>;
     using Object = Objects::value_type;
 
+    // Half as many objects as buckets at most: their chains, whose length the processor cannot foresee, stay short.
+    static Objects noObjects()
+    {
+        Objects objects;
+        objects.max_load_factor(0.5F);
+        return objects;
+    }
+
     // node (31…24), index (23…8), subindex (7…0)
     static quint32 wordOf(const SDO::SDOEntryKey &key) { return qHash(key); }
     static SDO::SDOEntryKey keyOf(quint32 word)
@@ -175,7 +183,7 @@ private:
         object.second.place = State::notPending;
     }
 
-    Objects mObjects;
+    Objects mObjects = noObjects();
     std::vector<Object *> mPending;         // those with a request that waits, so that nobody has to look for them
     std::array<Object *, 256> mLatest = {}; // of each node; null: not known
 };

@@ -265,10 +265,10 @@ void SDOMessageHandler::handleDLExpeditedResponse(const CAN::CanRxMessage &msg, 
         return handleUnmatchedResponse(object, msg);
 
     const Request request = *pending; // a copy, since the table may be reset by a slot below
-    const SDOEntryValue written = answeredValue(request.time, request.msgNumber, msg, valueOf(request), true);
+    SDOEntryValue written = answeredValue(request.time, request.msgNumber, msg, valueOf(request), true);
     if (mKeepFinishedTransfers)
         foundEntry(entryOf(object, request)).values.append(written);
-    if (!reportValue(object, written))
+    if (!reportValue(object, std::move(written)))
         return;
     mObjects->finish(object, request.time);
 }
@@ -317,7 +317,7 @@ void SDOMessageHandler::handleUploadExpeditedInitResponse(unsigned char node, un
             read.reqMsgNumber = found->requestMsgNumber; // of the request that made the entry, not of this one
             found->values.append(read);
         }
-        if (!reportValue(object, read))
+        if (!reportValue(object, std::move(read)))
             return;
     }
     mObjects->finish(object, request.time);
@@ -361,12 +361,12 @@ void SDOMessageHandler::listAndReportError(const CAN::CanRxMessage &msg, CANopen
     reportError(msg.mMessageNumber, type);
 }
 
-bool SDOMessageHandler::reportValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value)
+bool SDOMessageHandler::reportValue(const SDO::SDOEntryKey &object, SDO::SDOEntryValue &&value)
 {
     const quint32 resets = mResetCount;
     ValueReceiver *const only = mOnlyReceiver;
     if (only && !signalsBlocked())
-        only->takeValue(object, value);
+        only->takeValue(object, std::move(value));
     else
         Q_EMIT newValue(object.node, object.index, object.subindex, value.value, value.reqTime, value.respTime,
                         value.canMsgNumber, value.wasSDOWrite);

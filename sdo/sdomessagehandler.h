@@ -182,7 +182,7 @@ private:
     // result tells that a slot has called reset(), so that nothing more of the frame in hand may be kept.
     bool reportError(quint32 msgNumber, CANopen::SdoProtocolErrorType type);
     void listAndReportError(const CAN::CanRxMessage &msg, CANopen::SdoProtocolErrorType type);
-    bool reportValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value);
+    bool reportValue(const SDO::SDOEntryKey &object, SDO::SDOEntryValue &&value);
     bool reportNodeCount(unsigned char node, unsigned char count);
 
     // Set once, then only read

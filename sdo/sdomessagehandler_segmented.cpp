@@ -144,7 +144,7 @@ bool SDOMessageHandler::reportSegmentedValue(const SDOSegmentedTransferAnalyzer 
         value.reqMsgNumber = wasSDOWrite ? analyzer.getInitMsgNumber() : found.requestMsgNumber;
         found.values.append(value);
     }
-    return reportValue(object, value);
+    return reportValue(object, std::move(value));
 }
 
 void SDOMessageHandler::segmentedDownloadError(unsigned char node, quint32 msgNumber)

@@ -13,7 +13,7 @@ public:
     virtual ~ValueReceiver() = default;
 
     /// What SDOMessageHandler::newValue() tells. reqMsgNumber of \a value has no meaning.
-    virtual void takeValue(const SDO::SDOEntryKey &object, const SDO::SDOEntryValue &value) = 0;
+    virtual void takeValue(const SDO::SDOEntryKey &object, SDO::SDOEntryValue &&value) = 0;
 };
 
 #endif // CANOPENANALYSIS_SDO_VALUERECEIVER_P_H
