@@ -275,7 +275,7 @@ void TestSDOMessageHandler::resetGivesTheMemoryBack()
 {
     const auto bytesInUse = [] {
         const struct mallinfo2 heap = mallinfo2();
-        return qint64(heap.uordblks + heap.hblkhd);
+        return qint64(heap.uordblks) + qint64(heap.hblkhd);
     };
     SDOMessageHandler handler(nullptr, nullptr);
     const qint64 before = bytesInUse();
