@@ -87,7 +87,7 @@ public:
     void setGuestLock(std::shared_ptr<GuestLock> lock);
 
     /// For the library's own loop, which has connected newValue(): as long as nobody connects to a signal of this handler or
-    /// disconnects from one from now on, \a receiver is called in its place, which comes to the same in a third of the time
+    /// disconnects from one from now on, \a receiver is called in its place, which comes to the same in less time
     /// (but for Qt's hook that lets debugging tools watch every emission). Not owned; must live as long as frames are fed.
     Q_DECL_HIDDEN void setOnlyReceiver(ValueReceiver *receiver);
 
@@ -174,7 +174,7 @@ private:
     // Entry tables
     SDO::SDOEntry &foundEntry(const SDO::SDOEntry &model);
 
-    // Somebody else than the only receiver listens, or it does no more
+    // Others than the only receiver may listen from now on, or it does no more: back to the signal
     void connectNotify(const QMetaMethod &signal) override;
     void disconnectNotify(const QMetaMethod &signal) override;
 
@@ -188,8 +188,8 @@ private:
     // Set once, then only read
     [[maybe_unused]] QHash<unsigned int, CANopen::CANopenMessageDescription> *const mMessageDescriptions; // not owned
     std::shared_ptr<GuestLock> mGuestLock;
-    std::atomic<ValueReceiver *> mOnlyReceiver{
-        nullptr}; // not owned; null as soon as others may be connected, in any thread
+    // Not owned; null as soon as others may be connected, which can happen in any thread
+    std::atomic<ValueReceiver *> mOnlyReceiver{nullptr};
     const std::unique_ptr<ByteBudget> mSegmentBudget;
     const std::unique_ptr<ByteBudget> mBlockBudget;
 
